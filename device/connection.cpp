@@ -1,0 +1,391 @@
+// Finding, opening, closing, resetting and re-connecting adapters.
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "device/abi.hpp"
+#include "device/identity.hpp"
+#include "device/locks.hpp"
+#include "device/registry.hpp"
+#include "device/usb_io.hpp"
+#include "device/wire.hpp"
+
+namespace veltrix {
+namespace {
+
+// Creates the registry and the libusb context on first use; returns libusb's result.
+int init_library() {
+  RegistryState& s = registry();
+  if (!s.usb_need_init_flag) return 0;
+  usb_list_init();
+  int r = libusb_init(&s.ctx);
+  if (r < 0) return r;
+  libusb_set_option(s.ctx, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_NONE);
+  s.usb_need_init_flag = 0;
+  return 0;
+}
+
+bool is_adapter(libusb_device* dev) {
+  libusb_device_descriptor d{};
+  if (libusb_get_device_descriptor(dev, &d) != 0) return false;
+  return d.idVendor == identity::kVendorId && identity::is_product_id(d.idProduct);
+}
+
+// Reads the serial through the record's handle under the adapter's lock. The lock is the
+// one of the record's current serial, which is the handle the application knows it by.
+bool read_serial_locked(usb_list* r) {
+  AdapterLock guard(r->serial);
+  uint32_t serial = 0;
+  if (!get_dev_serial(r, &serial)) return false;
+  r->serial = serial;
+  return true;
+}
+
+void close_handle(usb_list* r) {
+  if (r->handle) libusb_close(r->handle);
+  r->handle = nullptr;
+}
+
+// Probes a device at a port path the registry already knows. Returns whether it is seen.
+bool probe_known(usb_list* r, libusb_device* dev) {
+  r->device = dev;
+  if (r->opened) {
+    if (read_serial_locked(r)) return true;
+    // The old handle no longer answers; the device may have been re-plugged.
+    libusb_device_handle* h = nullptr;
+    if (libusb_open(dev, &h) != 0) return true;  // keeps the record as it is
+    if (r->handle) libusb_close(r->handle);
+    r->handle = h;
+    if (libusb_claim_interface(h, 0) != 0) r->opened = 0;
+    return read_serial_locked(r);
+  }
+  close_handle(r);
+  if (libusb_open(dev, &r->handle) != 0 || r->handle == nullptr) {
+    r->handle = nullptr;
+    return false;
+  }
+  bool ok = read_serial_locked(r);
+  close_handle(r);
+  return ok;
+}
+
+enum class NewDevice { Registered, OpenFailed, NotOurs };
+
+NewDevice probe_new(libusb_device* dev, const char* path, uint32_t* serial_out) {
+  auto* r = static_cast<usb_list*>(std::calloc(1, sizeof(usb_list)));
+  if (r == nullptr) return NewDevice::NotOurs;
+  r->device = dev;
+  r->bus = libusb_get_bus_number(dev);
+  r->address = libusb_get_device_address(dev);
+  r->port = libusb_get_port_number(dev);
+  std::memcpy(r->port_path, path, sizeof r->port_path - 1);  // path is NUL-padded to 16
+  if (libusb_open(dev, &r->handle) != 0 || r->handle == nullptr) {
+    std::free(r);
+    return NewDevice::OpenFailed;
+  }
+  uint32_t serial = 0;
+  if (!get_dev_serial(r, &serial)) {
+    libusb_close(r->handle);
+    std::free(r);
+    return NewDevice::NotOurs;
+  }
+  r->serial = serial;
+  *serial_out = serial;
+  usb_list_add(r);
+  if (r->next == nullptr) {
+    // Merged into the record that already held this serial: that record now carries the
+    // handle opened here, which must be closed through it.
+    usb_list* same = usb_list_post(serial);
+    if (same && same->handle == r->handle) {
+      same->handle = nullptr;
+      same->opened = 0;
+    }
+    libusb_close(r->handle);
+    std::free(r);
+  } else {
+    close_handle(r);
+  }
+  return NewDevice::Registered;
+}
+
+void prune(const std::vector<uint32_t>& seen) {
+  for (;;) {
+    std::vector<uint32_t> all(static_cast<size_t>(usb_list_length()));
+    int n = usb_list_get_devnums(all.data());
+    usb_list* victim = nullptr;
+    for (int i = 0; i < n && !victim; ++i) {
+      bool found = false;
+      for (uint32_t s : seen) found = found || s == all[i];
+      if (!found) victim = usb_list_post_with_index(i);
+    }
+    if (!victim) return;
+    {
+      AdapterLock guard(victim->serial);
+      close_handle(victim);
+    }
+    usb_list_del(victim);
+  }
+}
+
+}  // namespace
+
+int scan_locked(uint32_t* out) {
+  RegistryState& s = registry();
+  if (int r = init_library(); r < 0) return r;
+  if (s.devs) {
+    libusb_free_device_list(s.devs, 1);
+    s.devs = nullptr;
+  }
+  ssize_t count = libusb_get_device_list(s.ctx, &s.devs);
+  if (count < 0) {
+    s.devs = nullptr;
+    return int(count);
+  }
+
+  std::vector<uint32_t> seen;
+  for (ssize_t i = 0; i < count; ++i) {
+    libusb_device* dev = s.devs[i];
+    libusb_device_descriptor d{};
+    if (libusb_get_device_descriptor(dev, &d) != 0) continue;
+    char path[16] = {0};
+    get_ports_str(dev, path);
+    if (!is_adapter(dev)) continue;
+
+    if (usb_list* r = usb_list_post_port(path); r != nullptr && path[0] != '\0') {
+      if (probe_known(r, dev)) {
+        seen.push_back(r->serial);
+      } else {
+        close_handle(r);
+        usb_list_del(r);
+      }
+      continue;
+    }
+    uint32_t serial = 0;
+    switch (probe_new(dev, path, &serial)) {
+      case NewDevice::Registered: seen.push_back(serial); break;
+      case NewDevice::OpenFailed: seen.push_back(0); break;
+      case NewDevice::NotOurs: break;
+    }
+  }
+  prune(seen);
+  return usb_list_get_devnums(out);
+}
+
+}  // namespace veltrix
+
+using namespace veltrix;
+
+extern "C" {
+
+VELTRIX_API int get_ports_str(libusb_device* device, char* out) {
+  if (device == nullptr || out == nullptr) return 0;
+  uint8_t ports[16];
+  int n = libusb_get_port_numbers(device, ports, sizeof ports);
+  if (n < 1) return 0;
+  // Each number takes at most four characters (".255"); the record holds 15 plus the NUL,
+  // so a deeper path is cut at the last whole number that fits.
+  char text[16 * 4 + 1] = {0};
+  size_t len = 0;
+  for (int i = 0; i < n; ++i) len += size_t(std::snprintf(text + len, sizeof text - len, ".%u", ports[i]));
+  const char* body = text + 1;
+  size_t body_len = std::strlen(body);
+  if (body_len > 15) {
+    body_len = 15;
+    while (body_len > 0 && body[body_len] != '.') --body_len;
+  }
+  std::memcpy(out, body, body_len);
+  out[body_len] = '\0';
+  return 1;
+}
+
+VELTRIX_API int get_dev_serial(usb_list* record, uint32_t* out) {
+  if (record == nullptr || record->handle == nullptr || record->device == nullptr) return 0;
+  libusb_device_descriptor d{};
+  if (libusb_get_device_descriptor(record->device, &d) != 0) return 0;
+  unsigned char text[256] = {0};
+  int len = libusb_get_string_descriptor_ascii(record->handle, d.iManufacturer, text,
+                                               sizeof text - 1);
+  if (len < 0) return 0;
+  text[len] = '\0';
+  bool match = false;
+  for (const char* m : identity::kManufacturerStrings)
+    match = match || std::strcmp(reinterpret_cast<const char*>(text), m) == 0;
+  if (!match || len < identity::kMinManufacturerLength) return 0;
+  uint8_t raw[4] = {0};
+  int got = libusb_control_transfer(record->handle, identity::kReqTypeVendorIn,
+                                    identity::kReqReadSerial, 0, 0, raw, sizeof raw,
+                                    identity::kControlTimeoutMs);
+  if (got != 4) return 0;
+  if (out) *out = wire::get_le32(raw);
+  return 1;
+}
+
+VELTRIX_API int scan_dev(uint32_t* out) {
+  return guarded(int(LIBUSB_ERROR_OTHER), [&] {
+    GlobalLock guard;
+    return scan_locked(out);
+  });
+}
+
+VELTRIX_API int rescan_dev(uint32_t* out) { return scan_dev(out); }
+
+VELTRIX_API int USB_ScanDevice(unsigned int* out) { return scan_dev(out); }
+
+VELTRIX_API int open_dev(uint32_t handle) {
+  return guarded(0, [&] {
+    if (!registry_ready()) return 0;
+    usb_list* r = usb_list_post(handle);
+    if (r == nullptr || r->device == nullptr) return 0;
+    AdapterLock guard(handle);
+    if (r->opened) {
+      uint32_t serial = 0;
+      if (get_dev_serial(r, &serial)) {
+        if (serial == r->serial && libusb_claim_interface(r->handle, 0) == 0) {
+          r->opened = 1;
+          return 1;
+        }
+        // Another adapter answers behind this handle: drop it. Closing it is safe and
+        // keeps the process from leaking descriptors.
+        close_handle(r);
+        r->opened = 0;
+        return 0;
+      }
+      close_handle(r);
+    }
+    close_handle(r);
+    if (libusb_open(r->device, &r->handle) == 0 && r->handle != nullptr &&
+        libusb_claim_interface(r->handle, 0) == 0) {
+      r->opened = 1;
+      return 1;
+    }
+    close_handle(r);
+    r->opened = 0;
+    return 0;
+  });
+}
+
+VELTRIX_API int open_dev2(uint32_t handle) {
+  return guarded(0, [&] {
+    if (!registry_ready()) {
+      GlobalLock guard;
+      init_library();
+    }
+    usb_list* r = usb_list_post(handle);
+    if (r == nullptr || r->device == nullptr) {
+      // One scan; the handle must be among the adapters it registered.
+      if (scan_dev(nullptr) <= 0 || usb_list_post(handle) == nullptr) return 0;
+    }
+    return open_dev(handle);
+  });
+}
+
+VELTRIX_API int USB_OpenDevice(unsigned int handle) { return open_dev2(handle); }
+
+VELTRIX_API int close_dev(uint32_t handle) {
+  return guarded(0, [&] {
+    if (!registry_ready()) return 0;
+    usb_list* r = usb_list_post(handle);
+    if (r == nullptr || r->device == nullptr || r->handle == nullptr) return 0;
+    AdapterLock guard(handle);
+    libusb_release_interface(r->handle, 0);
+    close_handle(r);
+    r->opened = 0;
+    return 1;
+  });
+}
+
+VELTRIX_API int USB_CloseDevice(unsigned int handle) { return close_dev(handle); }
+
+VELTRIX_API int reset_dev(uint32_t handle) {
+  return guarded(0, [&] {
+    AdapterLock guard(handle);
+    return USBCtrlData(handle, identity::kReqTypeVendorOut, identity::kReqReset, 0, 0, nullptr,
+                       0, identity::kControlTimeoutMs) == 0
+               ? 1
+               : 0;
+  });
+}
+
+VELTRIX_API int USB_ResetDevice(unsigned int handle) { return reset_dev(handle); }
+
+VELTRIX_API int retry_connect_dev(uint32_t handle) {
+  return guarded(0, [&] {
+    RegistryState& s = registry();
+    if (!registry_ready()) return 0;
+    usb_list* r = usb_list_post(handle);
+    if (r == nullptr) return 0;
+    ssize_t count = 0;
+    if (s.devs == nullptr) {
+      count = libusb_get_device_list(s.ctx, &s.devs);
+      if (count < 0) {
+        s.devs = nullptr;
+        return 0;
+      }
+    }
+    bool present = false;
+    for (libusb_device** d = s.devs; *d != nullptr && !present; ++d) {
+      char path[16] = {0};
+      present = is_adapter(*d) && get_ports_str(*d, path) &&
+                std::strncmp(path, r->port_path, sizeof path) == 0;
+    }
+    if (!present || r->device == nullptr) return 0;
+    if (r->handle) {
+      close_handle(r);
+      r->opened = 0;
+    }
+    // The record's own device object is opened, not the one found in the walk.
+    if (libusb_open(r->device, &r->handle) != 0 || r->handle == nullptr) {
+      r->handle = nullptr;
+      return 0;
+    }
+    if (libusb_claim_interface(r->handle, 0) != 0) return 0;
+    r->opened = 1;
+    return 1;
+  });
+}
+
+VELTRIX_API int USB_RetryConnect(unsigned int handle) {
+  return guarded(0, [&] {
+    GlobalLock global;
+    AdapterLock adapter(handle);
+    return retry_connect_dev(handle);
+  });
+}
+
+VELTRIX_API int USB_WaitResume(unsigned int handle, int timeout_ms) {
+  return guarded(0, [&] {
+    auto start = std::chrono::system_clock::now();
+    for (;;) {
+      if (USB_RetryConnect(handle)) return 1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                    std::chrono::system_clock::now() - start)
+                    .count();
+      if (double(us) * 0.001 >= double(timeout_ms)) return 0;
+    }
+  });
+}
+
+VELTRIX_API void del_dead_device(void) {
+  guarded(0, [&] {
+    // Walks by position so that a record without a device object cannot stall the sweep.
+    for (int i = 0; usb_list* r = usb_list_post_with_index(i);) {
+      if (r->device == nullptr) {
+        ++i;
+        continue;
+      }
+      if (retry_connect_dev(r->serial)) {
+        close_handle(r);
+        ++i;
+      } else {
+        close_handle(r);
+        usb_list_del(r);
+      }
+    }
+    return 0;
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,73 @@
+// The registry of adapters: one record per adapter seen by a scan, kept in a doubly linked
+// list between two sentinels. Records are found by serial (the device handle), position,
+// port path or libusb device.
+//
+// Locking: scans and re-connects run under the global lock; a record's handle and opened
+// flag change only under that adapter's lock. The list links themselves are guarded by an
+// internal list mutex held only for the duration of one list operation.
+#pragma once
+
+#include <libusb.h>
+
+#include <cstdint>
+
+#include "veltrix/api.h"
+
+struct usb_list {
+  usb_list* next;
+  usb_list* prev;
+  libusb_device* device;         // from the latest scan; null if unknown
+  libusb_device_handle* handle;  // null while the adapter is closed
+  uint32_t serial;               // the device handle of the API
+  uint8_t opened;                // 1 when interface 0 is claimed
+  uint8_t bus;
+  uint8_t address;
+  uint8_t port;
+  char port_path[16];  // "1.4.2"
+};
+
+namespace veltrix {
+
+struct RegistryState {
+  libusb_context* ctx = nullptr;
+  libusb_device** devs = nullptr;  // list from the most recent scan, kept until the next
+  uint8_t usb_need_init_flag = 1;
+  usb_list head{};
+  usb_list tail{};
+};
+
+RegistryState& registry();
+
+// True once the libusb context and the registry exist.
+bool registry_ready();
+
+}  // namespace veltrix
+
+extern "C" {
+
+VELTRIX_API usb_list* usb_list_post(uint32_t handle);
+VELTRIX_API int usb_list_get_index(uint32_t handle);
+VELTRIX_API usb_list* usb_list_post_with_index(int index);
+VELTRIX_API usb_list* usb_list_post_port(const char* path);
+VELTRIX_API usb_list* usb_list_post_with_dev(libusb_device* device);
+VELTRIX_API usb_list* usb_list_post_bus(libusb_device* device, uint8_t bus, uint8_t port);
+VELTRIX_API void usb_list_add(usb_list* record);
+VELTRIX_API void usb_list_del(usb_list* record);
+VELTRIX_API int usb_list_get_devnums(uint32_t* out);
+VELTRIX_API int usb_list_length(void);
+VELTRIX_API int usb_list_is_empty(void);
+VELTRIX_API void usb_list_clear(void);
+VELTRIX_API void usb_list_init(void);
+
+VELTRIX_API int get_ports_str(libusb_device* device, char* out);
+VELTRIX_API int get_dev_serial(usb_list* record, uint32_t* out);
+VELTRIX_API int scan_dev(uint32_t* out);
+VELTRIX_API int rescan_dev(uint32_t* out);
+VELTRIX_API int open_dev2(uint32_t handle);
+VELTRIX_API int open_dev(uint32_t handle);
+VELTRIX_API int close_dev(uint32_t handle);
+VELTRIX_API int reset_dev(uint32_t handle);
+VELTRIX_API int retry_connect_dev(uint32_t handle);
+VELTRIX_API void del_dead_device(void);
+
+}  // extern "C"

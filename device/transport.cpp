@@ -1,0 +1,38 @@
+#include "device/transport.hpp"
+
+#include <algorithm>
+
+#include "device/locks.hpp"
+
+namespace veltrix {
+
+ExchangeResult exchange_locked(uint32_t handle, const Exchange& x) {
+  ExchangeResult res;
+  USB_MSG msg{x.cmd, uint32_t(x.payload.size()), const_cast<uint8_t*>(x.payload.data())};
+  int r = x.canfd_channel >= 0
+              ? send_canfd_packet(handle, uint8_t(x.canfd_channel), &msg, x.timeout_ms)
+              : send_packet(handle, &msg, x.timeout_ms);
+  if (r != 0) {
+    res.code = static_cast<Transport>(r);
+    return res;
+  }
+  if (x.want == Reply::None) return res;
+  // A null buffer would make any payload count as unexpected; point at an empty one.
+  static uint8_t no_room[1];
+  msg.cmd = x.reply_cmd ? x.reply_cmd : x.cmd;
+  msg.len = 0;
+  msg.data = x.reply.empty() ? no_room : x.reply.data();
+  r = get_packet(handle, &msg, x.reply.size(), x.timeout_ms);
+  res.code = static_cast<Transport>(r);
+  res.reply_cmd = msg.cmd;
+  res.reply_len = msg.len;
+  if (r == 0 && int32_t(msg.len) > 0) res.copied = std::min<size_t>(msg.len, x.reply.size());
+  return res;
+}
+
+ExchangeResult exchange(uint32_t handle, const Exchange& x) {
+  AdapterLock guard(handle);
+  return exchange_locked(handle, x);
+}
+
+}  // namespace veltrix

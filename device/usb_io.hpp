@@ -1,0 +1,24 @@
+// USB transfer primitives. Each looks the adapter up, needs it open, and resets the device
+// after any failed transfer so that the next exchange starts from clean endpoints.
+#pragma once
+
+#include <cstdint>
+
+#include "veltrix/api.h"
+
+extern "C" {
+
+// Returns 0, or -2 on any failure.
+VELTRIX_API int USBBulkWriteData(uint32_t handle, int ep, const uint8_t* buf, int len,
+                                 int timeout_ms);
+// Returns len, or -3 on any failure or short read. Time-outs below 1000 ms are raised.
+VELTRIX_API int USBBulkReadData(uint32_t handle, int ep, uint8_t* buf, int len, int timeout_ms);
+// Returns 0, or -2.
+VELTRIX_API int USBIntWriteData(uint32_t handle, int ep, const uint8_t* buf, int len,
+                                int timeout_ms);
+// Returns 0 when exactly wLength bytes moved, or -2.
+VELTRIX_API int USBCtrlData(uint32_t handle, uint8_t bmRequestType, uint8_t bRequest,
+                            uint16_t wValue, uint16_t wIndex, uint8_t* buf, uint16_t wLength,
+                            int timeout_ms);
+
+}  // extern "C"

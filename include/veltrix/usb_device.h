@@ -1,0 +1,131 @@
+/*
+ * VELTRIX adapters: finding, opening and re-connecting adapters, and the command packet
+ * transport beneath every family.
+ *
+ * Device handle: the adapter's own 32-bit serial number, as returned by USB_ScanDevice.
+ * Its top byte is the adapter's model code. A handle of the form 0xFF0000nn stands for
+ * registry position nn wherever an operation looks an adapter up by position.
+ *
+ * Lock order: lock_all() before lock(handle); a family's channel data lock is never taken
+ * while waiting on lock(handle) in the other order. The locks are not recursive.
+ */
+#ifndef VELTRIX_USB_DEVICE_H
+#define VELTRIX_USB_DEVICE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "veltrix/api.h"
+
+VELTRIX_EXTERN_C_BEGIN
+
+/* ---- Adapter registry and connection --------------------------------------------- */
+
+/* Scans all USB buses for adapters and updates the registry.
+ * pDevHandle: receives the handle of every registered adapter in registry order; may be
+ *   NULL. It must have room for every attached adapter (at most 30 are supported).
+ * Returns the number of registered adapters (0 or more), or libusb's negative error code
+ * when the USB context or the device list cannot be obtained. Adapters that were closed
+ * stay closed; open adapters stay open. */
+VELTRIX_API int USB_ScanDevice(unsigned int* pDevHandle);
+
+/* Opens the adapter and claims its interface. Scans once if the handle is unknown.
+ * Returns 1 when the adapter is open, 0 otherwise. */
+VELTRIX_API int USB_OpenDevice(unsigned int DevHandle);
+
+/* Closes an open adapter. Returns 1 if it was open and is now closed, 0 otherwise
+ * (unknown handle, or not open). */
+VELTRIX_API int USB_CloseDevice(unsigned int DevHandle);
+
+/* Asks the adapter's firmware to reset itself (vendor request 0x60).
+ * Returns 1 if the adapter accepted the request, 0 otherwise. */
+VELTRIX_API int USB_ResetDevice(unsigned int DevHandle);
+
+/* Re-opens an adapter at the port where the last scan saw it, without scanning again.
+ * Returns 1 when re-opened, 0 otherwise. */
+VELTRIX_API int USB_RetryConnect(unsigned int DevHandle);
+
+/* Retries USB_RetryConnect every 100 ms until it succeeds (1) or TimeOutMs has run out
+ * (0). At least one attempt is always made. */
+VELTRIX_API int USB_WaitResume(unsigned int DevHandle, int TimeOutMs);
+
+/* ---- Command packets ------------------------------------------------------------- */
+
+/* A command packet: on the wire cmd and len travel big-endian, followed by len bytes. */
+typedef struct _USB_MSG {
+  uint32_t cmd;  /* command code */
+  uint32_t len;  /* payload bytes */
+  uint8_t* data; /* payload, owned by the caller */
+} USB_MSG;
+VELTRIX_STATIC_ASSERT(sizeof(USB_MSG) == 16, "USB_MSG layout");
+VELTRIX_STATIC_ASSERT(offsetof(USB_MSG, data) == 8, "USB_MSG layout");
+
+/* Transport result codes; every family passes them on or maps them to its own. */
+#define USB_MSG_SUCCESS 0
+#define USB_MSG_ERR_WRITE (-2) /* not initialised, unknown or closed adapter, failed write */
+#define USB_MSG_ERR_READ (-3)  /* short header, unknown adapter, unexpected reply code */
+#define USB_MSG_ERR_ALLOC (-4) /* the frame buffer could not be allocated */
+
+/* One send attempt on bulk OUT endpoint 0x01. Returns 0, -2 or -4. */
+VELTRIX_API int USB_MSG_Send(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+/* USB_MSG_Send, retried with a re-connect every 100 ms for about one second. */
+VELTRIX_API int MSG_Send(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+/* One send attempt on endpoint 0x01 for an even channel, 0x02 for an odd one. */
+VELTRIX_API int USB_CANFD_MSG_Send(unsigned int DevHandle, unsigned char CANIndex, USB_MSG* pMsg,
+                                   int TimeOutMs);
+/* USB_CANFD_MSG_Send with the same one-second retry as MSG_Send. */
+VELTRIX_API int CANFD_MSG_Send(unsigned int DevHandle, unsigned char CANIndex, USB_MSG* pMsg,
+                               int TimeOutMs);
+/* One send attempt on interrupt OUT endpoint 0x02. Returns 0, -2 or -4. */
+VELTRIX_API int USB_MSG_SendInt(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+/* USB_MSG_SendInt retried with a re-connect for about one second. */
+VELTRIX_API int MSG_SendInt(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+
+/* Reads one reply packet.
+ * On entry: pMsg->cmd is the expected reply code, pMsg->data the receive buffer (may be
+ *   NULL) and pMsg->len the buffer's capacity in bytes. At most that many payload bytes
+ *   are written; the rest of a longer reply is read and discarded.
+ * On return: pMsg->cmd and pMsg->len hold the received code and the announced payload
+ *   length (both 0 if no complete header came). pMsg->data is left as given.
+ * Returns 0 (also for a header-only reply, which leaves the buffer untouched) or -3 (short
+ * header, unknown adapter, no buffer for a payload, or a reply with another code, whose
+ * payload is drained so the reply stream stays framed). */
+VELTRIX_API int USB_MSG_Get(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+/* USB_MSG_Get; after a failure it pauses one second and re-connects the adapter. The read
+ * itself is not repeated. */
+VELTRIX_API int MSG_Get(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
+
+/* ---- Locks ----------------------------------------------------------------------- */
+
+/* Global lock: serialises scans and re-connects. */
+VELTRIX_API void lock_all(void);
+VELTRIX_API void unlock_all(void);
+/* Adapter lock: makes one command and its reply atomic. Unlocking a lock that the calling
+ * thread does not hold does nothing (it only creates the lock). */
+VELTRIX_API void lock(unsigned int DevHandle);
+VELTRIX_API void unlock(unsigned int DevHandle);
+/* Per-channel locks of the protocol families, keyed by (handle, channel). */
+VELTRIX_API void can_lock(unsigned int DevHandle, int Channel);
+VELTRIX_API void can_unlock(unsigned int DevHandle, int Channel);
+VELTRIX_API void can_data_lock(unsigned int DevHandle, int Channel);
+VELTRIX_API void can_data_unlock(unsigned int DevHandle, int Channel);
+VELTRIX_API void lin_lock(unsigned int DevHandle, int Channel);
+VELTRIX_API void lin_unlock(unsigned int DevHandle, int Channel);
+VELTRIX_API void spi_data_lock(unsigned int DevHandle, int Channel);
+VELTRIX_API void spi_data_unlock(unsigned int DevHandle, int Channel);
+VELTRIX_API void pa_data_lock(unsigned int DevHandle, int Channel);
+VELTRIX_API void pa_data_unlock(unsigned int DevHandle, int Channel);
+
+/* ---- Time and debug helpers ------------------------------------------------------ */
+
+VELTRIX_API void delay_us(unsigned int us);
+VELTRIX_API void delay_ms(unsigned int ms);
+VELTRIX_API void sleep_ms(unsigned int ms);
+/* Wall-clock milliseconds since the epoch. */
+VELTRIX_API uint64_t GetTimestampOfDay(void);
+/* Stores Value in the library's debug slot and returns the slot's address. */
+VELTRIX_API uint64_t* DEBUG_SetHandle(uint64_t Value);
+
+VELTRIX_EXTERN_C_END
+
+#endif

@@ -1,0 +1,87 @@
+#include "sim/model.hpp"
+
+namespace veltrix::sim {
+
+std::recursive_mutex& sim_mutex() {
+  static std::recursive_mutex* m = new std::recursive_mutex;
+  return *m;
+}
+
+Model::Model(Identity id) : id_(std::move(id)) { install_families(*this); }
+
+std::optional<Reply> Model::dispatch(const Command& c) {
+  record_.push_back(c);
+  auto it = handlers_.find(c.code);
+  if (it == handlers_.end()) {
+    ++unknown_;
+    return std::nullopt;
+  }
+  return it->second(*this, c);
+}
+
+std::vector<Command> Model::commands() const {
+  std::scoped_lock g(sim_mutex());
+  return record_;
+}
+
+std::vector<Command> Model::commands_with_code(uint32_t code) const {
+  std::scoped_lock g(sim_mutex());
+  std::vector<Command> out;
+  for (const Command& c : record_)
+    if (c.code == code) out.push_back(c);
+  return out;
+}
+
+std::vector<OutTransfer> Model::out_transfers() const {
+  std::scoped_lock g(sim_mutex());
+  return out_;
+}
+
+std::vector<ControlRequest> Model::control_requests() const {
+  std::scoped_lock g(sim_mutex());
+  return control_;
+}
+
+void Model::clear_record() {
+  std::scoped_lock g(sim_mutex());
+  record_.clear();
+  out_.clear();
+  control_.clear();
+}
+
+void Model::inject(Fault f) {
+  std::scoped_lock g(sim_mutex());
+  faults_.push_back(std::move(f));
+}
+
+int Model::resets() const {
+  std::scoped_lock g(sim_mutex());
+  return resets_;
+}
+
+size_t Model::unknown_commands() const {
+  std::scoped_lock g(sim_mutex());
+  return unknown_;
+}
+
+std::optional<Fault> Model::take_fault(uint32_t code) {
+  for (auto it = faults_.begin(); it != faults_.end(); ++it) {
+    if (it->match_code != 0 && it->match_code != code) continue;
+    if (it->kind == FaultKind::Stall) continue;  // applies to IN transfers, not commands
+    Fault f = *it;
+    if (--it->times <= 0) faults_.erase(it);
+    return f;
+  }
+  return std::nullopt;
+}
+
+bool Model::take_stall() {
+  for (auto it = faults_.begin(); it != faults_.end(); ++it) {
+    if (it->kind != FaultKind::Stall) continue;
+    if (--it->times <= 0) faults_.erase(it);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace veltrix::sim

@@ -1,0 +1,136 @@
+// The virtual adapter's firmware model: a table from command code to handler, the
+// adapter's identity, per-family state, and the test hooks (command record, faults).
+//
+// Every model in the process shares one lock (sim_mutex()): the USB front end takes it for
+// each request it serves, tests take it through the accessors, and families that join
+// adapters on one virtual bus can touch another adapter's state without a lock order.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <typeindex>
+#include <unordered_map>
+#include <vector>
+
+namespace veltrix::sim {
+
+std::recursive_mutex& sim_mutex();
+
+struct Command {
+  uint8_t endpoint = 0;
+  uint32_t code = 0;
+  std::vector<uint8_t> payload;
+};
+
+struct Reply {
+  uint32_t code = 0;
+  std::vector<uint8_t> payload;
+};
+
+// What a bulk OUT transfer looked like on the wire (zero-length packets included).
+struct OutTransfer {
+  uint8_t endpoint = 0;
+  size_t length = 0;
+};
+
+struct ControlRequest {
+  uint8_t request_type = 0;
+  uint8_t request = 0;
+  uint16_t value = 0;
+  uint16_t index = 0;
+  uint16_t length = 0;
+};
+
+enum class FaultKind {
+  NoReply,       // the command is taken but never answered
+  WrongCode,     // the reply carries code `arg` instead of the right one
+  ShortHeader,   // only the first 4 bytes of the reply header are sent
+  Stall,         // the next IN transfer stalls
+  Unplug,        // the adapter is unplugged as the command arrives
+  ExtraPayload,  // `arg` bytes (0xEE) are appended to the reply payload
+  RawReply,      // `raw` is sent instead of the reply
+  LongLength,    // the reply header announces `arg` more bytes than follow
+};
+
+struct Fault {
+  FaultKind kind = FaultKind::NoReply;
+  uint32_t match_code = 0;  // 0: the next command whatever its code
+  uint32_t arg = 0;
+  std::vector<uint8_t> raw;
+  int times = 1;  // how many matching commands it applies to
+};
+
+class Model;
+// A handler answers one command. No value means the command has no reply.
+using Handler = std::function<std::optional<Reply>(Model&, const Command&)>;
+
+enum class Speed { Full, High };
+
+struct Identity {
+  uint32_t serial = 0;
+  uint16_t product_id = 0x7918;
+  std::string manufacturer;  // empty: the maker's first string
+  std::string product = "VELTRIX USB adapter";
+  Speed speed = Speed::High;
+};
+
+class Model {
+ public:
+  explicit Model(Identity id);
+
+  const Identity& identity() const { return id_; }
+  Identity& identity() { return id_; }
+  uint32_t serial() const { return id_.serial; }
+  uint8_t model_code() const { return uint8_t(id_.serial >> 24); }
+
+  void on(uint32_t code, Handler h) { handlers_[code] = std::move(h); }
+  // Runs the handler for one command and records it; unknown codes get no reply.
+  std::optional<Reply> dispatch(const Command& c);
+
+  // Per-family state, created on first use.
+  template <typename T>
+  T& state() {
+    auto& slot = ext_[std::type_index(typeid(T))];
+    if (!slot) slot = std::make_shared<T>();
+    return *static_cast<T*>(slot.get());
+  }
+
+  // Test hooks (take sim_mutex() when called from a test thread).
+  std::vector<Command> commands() const;
+  std::vector<Command> commands_with_code(uint32_t code) const;
+  std::vector<OutTransfer> out_transfers() const;
+  std::vector<ControlRequest> control_requests() const;
+  void clear_record();
+  void inject(Fault f);
+  int resets() const;
+  size_t unknown_commands() const;
+
+  // Used by the USB front end (under sim_mutex()).
+  void record_out(const OutTransfer& t) { out_.push_back(t); }
+  void record_control(const ControlRequest& c) { control_.push_back(c); }
+  void count_reset() { ++resets_; }
+  std::optional<Fault> take_fault(uint32_t code);
+  bool take_stall();
+
+ private:
+  Identity id_;
+  std::map<uint32_t, Handler> handlers_;
+  std::unordered_map<std::type_index, std::shared_ptr<void>> ext_;
+  std::vector<Command> record_;
+  std::vector<OutTransfer> out_;
+  std::vector<ControlRequest> control_;
+  std::deque<Fault> faults_;
+  int resets_ = 0;
+  size_t unknown_ = 0;
+};
+
+// Installs every family's command handlers on a new model.
+void install_families(Model& m);
+
+}  // namespace veltrix::sim
