@@ -71,6 +71,38 @@ bool probe_known(usb_list* r, libusb_device* dev) {
   return ok;
 }
 
+// After a re-plug libusb retires the old device object, so it can no longer be opened.
+// Look for the adapter at the same port path in a fresh device list, open it, and adopt it
+// only if it answers with the record's serial. The held scan list is left as it is.
+int adopt_replugged(usb_list* r) {
+  libusb_device** fresh = nullptr;
+  ssize_t n = libusb_get_device_list(registry().ctx, &fresh);
+  int result = LIBUSB_ERROR_NO_DEVICE;
+  for (ssize_t i = 0; i < n && result != 0; ++i) {
+    char path[16] = {0};
+    if (!is_adapter(fresh[i]) || !get_ports_str(fresh[i], path) ||
+        std::strncmp(path, r->port_path, sizeof path) != 0)
+      continue;
+    usb_list probe = *r;
+    probe.device = fresh[i];
+    probe.handle = nullptr;
+    if (libusb_open(fresh[i], &probe.handle) != 0) continue;
+    uint32_t serial = 0;
+    if (get_dev_serial(&probe, &serial) && serial == r->serial) {
+      // The list keeps its own reference until freed below; the record keeps one too.
+      r->device = libusb_ref_device(fresh[i]);
+      r->bus = libusb_get_bus_number(fresh[i]);
+      r->address = libusb_get_device_address(fresh[i]);
+      r->handle = probe.handle;
+      result = 0;
+    } else {
+      libusb_close(probe.handle);
+    }
+  }
+  if (n >= 0) libusb_free_device_list(fresh, 1);
+  return result;
+}
+
 enum class NewDevice { Registered, OpenFailed, NotOurs };
 
 NewDevice probe_new(libusb_device* dev, const char* path, uint32_t* serial_out) {
@@ -336,7 +368,9 @@ VELTRIX_API int retry_connect_dev(uint32_t handle) {
       r->opened = 0;
     }
     // The record's own device object is opened, not the one found in the walk.
-    if (libusb_open(r->device, &r->handle) != 0 || r->handle == nullptr) {
+    int opened = libusb_open(r->device, &r->handle);
+    if (opened == LIBUSB_ERROR_NO_DEVICE) opened = adopt_replugged(r);
+    if (opened != 0 || r->handle == nullptr) {
       r->handle = nullptr;
       return 0;
     }

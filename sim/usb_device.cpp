@@ -149,8 +149,13 @@ bool UsbDevice::handle(UMockdevIoctlClient* client) {
 void UsbDevice::submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
   UMockdevIoctlData* ud = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
   usbdevfs_urb* urb = urb_of(ud);
-  UMockdevIoctlData* buf = urb_buffer(ud);
-  if (urb->type == USBDEVFS_URB_TYPE_CONTROL) {
+  // A zero-length packet has no buffer to resolve.
+  UMockdevIoctlData* buf = urb->buffer_length > 0 ? urb_buffer(ud) : nullptr;
+  if (urb->type == USBDEVFS_URB_TYPE_CONTROL && buf == nullptr) {
+    urb->actual_length = 0;
+    urb->status = -EPIPE;
+    completed_.push_back(umockdev_ioctl_data_ref(ud));
+  } else if (urb->type == USBDEVFS_URB_TYPE_CONTROL) {
     control(ud, buf);
     completed_.push_back(umockdev_ioctl_data_ref(ud));
   } else if (!(urb->endpoint & 0x80)) {
@@ -159,7 +164,7 @@ void UsbDevice::submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
     urb->actual_length = urb->buffer_length;
     urb->status = 0;
     completed_.push_back(umockdev_ioctl_data_ref(ud));
-    if (ep >= 1 && ep <= 2) bulk_out(ep, buf->data, size_t(urb->buffer_length));
+    if (ep >= 1 && ep <= 2 && buf) bulk_out(ep, buf->data, size_t(urb->buffer_length));
   } else if (model_->take_stall()) {
     urb->actual_length = 0;
     urb->status = -EPIPE;
@@ -168,7 +173,7 @@ void UsbDevice::submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
     pending_in_.push_back(umockdev_ioctl_data_ref(ud));
     complete_in();
   }
-  g_object_unref(buf);
+  if (buf) g_object_unref(buf);
   g_object_unref(ud);
   umockdev_ioctl_client_complete(client, 0, 0);
 }
@@ -288,6 +293,13 @@ void UsbDevice::complete_in() {
   while (!pending_in_.empty() && !in_stream_.empty()) {
     UMockdevIoctlData* ud = pending_in_.front();
     usbdevfs_urb* urb = urb_of(ud);
+    if (urb->buffer_length <= 0) {
+      urb->actual_length = 0;
+      urb->status = 0;
+      pending_in_.pop_front();
+      completed_.push_back(ud);
+      continue;
+    }
     UMockdevIoctlData* buf = urb_buffer(ud);
     size_t n = std::min(in_stream_.size(), size_t(urb->buffer_length));
     std::copy(in_stream_.begin(), in_stream_.begin() + long(n), buf->data);

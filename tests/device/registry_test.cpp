@@ -11,7 +11,19 @@
 namespace veltrix::test {
 namespace {
 
-class Registry : public SimTest {};
+class Registry : public SimTest {
+ protected:
+  // One command that the adapter echoes back: proves the adapter is usable.
+  bool echo_works(uint32_t handle, const std::shared_ptr<sim::Model>& m) {
+    m->on(0x0E01, [](sim::Model&, const sim::Command& c) {
+      return std::optional<sim::Reply>(sim::Reply{0x0E01, c.payload});
+    });
+    const uint8_t ping[2] = {0xA5, 0x5A};
+    uint8_t back[2] = {0, 0};
+    ExchangeResult r = exchange(handle, {.cmd = 0x0E01, .payload = ping, .reply = back});
+    return r.ok() && back[0] == 0xA5 && back[1] == 0x5A;
+  }
+};
 
 TEST_F(Registry, ScanRegistersEveryAdapterClosed) {
   plug(0x51000001, "1");
@@ -32,19 +44,114 @@ TEST_F(Registry, ScanWithoutAdapterReturnsZero) {
   EXPECT_TRUE(usb_list_is_empty());
 }
 
-TEST_F(Registry, OpenedAdapterAnswersCommands) {
+TEST_F(Registry, ScanWithNullOutputStillRegisters) {
+  plug(0x51000003);
+  EXPECT_EQ(USB_ScanDevice(nullptr), 1);
+  EXPECT_NE(usb_list_post(0x51000003), nullptr);
+}
+
+TEST_F(Registry, ForeignOrShortManufacturerIsIgnored) {
+  sim::Identity other;
+  other.serial = 0x51000004;
+  other.manufacturer = "Some Other Maker";
+  bed().add_adapter(other);
+  sim::Identity brief;
+  brief.serial = 0x51000005;
+  brief.manufacturer = "VELTRIX";  // a prefix of ours, and under 11 characters
+  bed().add_adapter(brief);
+  plug(0x51000006);
+  unsigned int handles[4] = {0};
+  ASSERT_EQ(USB_ScanDevice(handles), 1);
+  EXPECT_EQ(handles[0], 0x51000006u);
+}
+
+TEST_F(Registry, DeepPortPathThroughHubs) {
+  plug(0x51000007, "3.4.2");
+  ASSERT_EQ(USB_ScanDevice(nullptr), 1);
+  EXPECT_STREQ(usb_list_post(0x51000007)->port_path, "3.4.2");
+  EXPECT_EQ(usb_list_post(0x51000007)->port, 2);
+}
+
+TEST_F(Registry, OpenCloseAndCloseAgain) {
+  auto m = plug(0x51000008);
+  ASSERT_EQ(USB_ScanDevice(nullptr), 1);
+  EXPECT_EQ(USB_CloseDevice(0x51000008), 0);  // registered but not open
+  ASSERT_EQ(USB_OpenDevice(0x51000008), 1);
+  EXPECT_EQ(usb_list_post(0x51000008)->opened, 1);
+  EXPECT_TRUE(echo_works(0x51000008, m));
+  EXPECT_EQ(USB_CloseDevice(0x51000008), 1);
+  EXPECT_EQ(USB_CloseDevice(0x51000008), 0);
+  EXPECT_EQ(USB_MSG_Send(0x51000008, nullptr, 100), -2);
+}
+
+TEST_F(Registry, OpenScansOnceForAnUnknownHandle) {
+  auto m = plug(0x51000009);
+  EXPECT_EQ(USB_OpenDevice(0x51FFFFFF), 0);
+  // The scan that looked for the unknown handle registered what is attached.
+  EXPECT_EQ(usb_list_length(), 1);
+  EXPECT_EQ(USB_OpenDevice(0x51000009), 1);  // known now: no second scan needed
+}
+
+TEST_F(Registry, OpenWithoutScanFindsTheAdapter) {
+  auto m = plug(0x5100000A);
+  ASSERT_EQ(USB_OpenDevice(0x5100000A), 1);
+  EXPECT_TRUE(echo_works(0x5100000A, m));
+}
+
+TEST_F(Registry, PositionHandlesNeedNoRegistry) {
+  EXPECT_EQ(usb_list_get_index(0xFF000003), 3);
+  EXPECT_EQ(usb_list_get_index(0xFF0000FF), 255);
+  EXPECT_EQ(usb_list_get_index(0x51000001), -1);
+}
+
+TEST_F(Registry, ReplugAtSamePortKeepsHandleAndReconnectsWithoutScan) {
+  auto m = plug_and_open(0x5100000B, "2");
+  bed().unplug(0x5100000B);
+  EXPECT_EQ(USB_RetryConnect(0x5100000B), 0);  // nothing at that port
+  bed().replug(0x5100000B);
+  EXPECT_EQ(USB_RetryConnect(0x5100000B), 1);
+  EXPECT_TRUE(echo_works(0x5100000B, m));
+  EXPECT_EQ(usb_list_length(), 1);
+}
+
+TEST_F(Registry, WaitResumeGivesUpAfterItsTimeout) {
+  plug_and_open(0x5100000C, "2");
+  bed().unplug(0x5100000C);
+  EXPECT_EQ(USB_WaitResume(0x5100000C, 0), 0);  // one attempt only
+  EXPECT_EQ(USB_WaitResume(0x5100000C, 250), 0);
+  bed().replug(0x5100000C);
+  EXPECT_EQ(USB_WaitResume(0x5100000C, 1000), 1);
+}
+
+TEST_F(Registry, AdapterMovedToAnotherPortIsFoundThere) {
+  auto m = plug_and_open(0x5100000D, "1");
+  bed().replug(0x5100000D, "4.1", /*same_address=*/false);
+  unsigned int handles[4] = {0};
+  ASSERT_EQ(USB_ScanDevice(handles), 1);
+  EXPECT_EQ(handles[0], 0x5100000Du);
+  EXPECT_STREQ(usb_list_post(0x5100000D)->port_path, "4.1");
+  ASSERT_EQ(USB_OpenDevice(0x5100000D), 1);
+  EXPECT_TRUE(echo_works(0x5100000D, m));
+}
+
+TEST_F(Registry, UnpluggedAdapterLeavesTheRegistryOnScan) {
+  plug(0x5100000E);
+  plug_and_open(0x5100000F);
+  bed().unplug(0x5100000F);
+  unsigned int handles[4] = {0};
+  ASSERT_EQ(USB_ScanDevice(handles), 1);
+  EXPECT_EQ(handles[0], 0x5100000Eu);
+  EXPECT_EQ(usb_list_post(0x5100000F), nullptr);
+}
+
+TEST_F(Registry, ResetSendsTheVendorRequest) {
   auto m = plug_and_open(0x51000010);
-  m->on(0x1234, [](sim::Model&, const sim::Command& c) {
-    return std::optional<sim::Reply>(sim::Reply{0x1234, {c.payload.rbegin(), c.payload.rend()}});
-  });
-  uint8_t out[4] = {0};
-  const uint8_t in[3] = {1, 2, 3};
-  ExchangeResult r = exchange(0x51000010, {.cmd = 0x1234, .payload = in, .reply = out});
-  ASSERT_TRUE(r.ok());
-  EXPECT_EQ(r.reply_len, 3u);
-  EXPECT_EQ(out[0], 3);
-  EXPECT_EQ(out[2], 1);
-  EXPECT_EQ(payloads(*m, 0x1234).at(0), (Bytes{1, 2, 3}));
+  ASSERT_EQ(USB_ResetDevice(0x51000010), 1);
+  bool seen = false;
+  for (const sim::ControlRequest& c : m->control_requests())
+    seen = seen || (c.request_type == 0x41 && c.request == 0x60 && c.length == 0);
+  EXPECT_TRUE(seen);
+  EXPECT_EQ(USB_ResetDevice(0x5100FFFF), 0);
 }
 
 }  // namespace

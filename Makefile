@@ -1,0 +1,50 @@
+# Top-level entry points. Each target installs what it needs (scripts/bootstrap) first.
+JOBS ?= 2
+CMAKE_FLAGS ?=
+CTEST = ctest --output-on-failure -j $(JOBS)
+SIM = build/veltrix-sim
+CLI = build/tools/veltrix
+
+.PHONY: all bootstrap build test demo asan tsan bench fuzz fuzz-smoke clean
+
+all: build
+
+bootstrap:
+	@scripts/bootstrap
+
+build: bootstrap
+	@cmake -S . -B build -G Ninja $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j $(JOBS)
+
+test: build
+	@$(CTEST) --test-dir build
+
+demo: build
+	@scripts/demo
+
+asan: bootstrap
+	@cmake -S . -B build-asan -G Ninja -DVELTRIX_SANITIZE=address >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	@$(CTEST) --test-dir build-asan
+
+tsan: bootstrap
+	@cmake -S . -B build-tsan -G Ninja -DVELTRIX_SANITIZE=thread >/dev/null
+	@cmake --build build-tsan -j $(JOBS)
+	@$(CTEST) --test-dir build-tsan
+
+bench: bootstrap
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELTRIX_BUILD_TESTS=OFF \
+	  -DVELTRIX_BUILD_BENCH=ON >/dev/null
+	@cmake --build build-bench -j $(JOBS)
+	@for b in build-bench/bench/*_bench; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+# Builds every libFuzzer target with clang and runs each briefly (FUZZ_SECONDS each).
+FUZZ_SECONDS ?= 20
+fuzz: bootstrap
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DVELTRIX_BUILD_FUZZ=ON \
+	  -DVELTRIX_BUILD_TESTS=OFF >/dev/null
+	@cmake --build build-fuzz -j $(JOBS)
+	@scripts/fuzz-smoke build-fuzz $(FUZZ_SECONDS)
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz

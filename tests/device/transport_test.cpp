@@ -1,0 +1,271 @@
+// Command packets on the wire: framing, zero-length packets, replies good and bad, locks.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "device/registry.hpp"
+#include "device/transport.hpp"
+#include "tests/support/sim_fixture.hpp"
+#include "veltrix/usb_device.h"
+
+namespace veltrix::test {
+namespace {
+
+constexpr uint32_t kEcho = 0x0E01;
+constexpr uint32_t kBig = 0x0E02;    // answers 100 bytes
+constexpr uint32_t kEmpty = 0x0E03;  // answers a bare header
+
+class Transport : public SimTest {
+ protected:
+  std::shared_ptr<sim::Model> open_with_handlers(uint32_t serial,
+                                                 sim::Speed speed = sim::Speed::High) {
+    auto m = plug_and_open(serial, "", speed);
+    m->on(kEcho, [](sim::Model&, const sim::Command& c) {
+      return std::optional<sim::Reply>(sim::Reply{kEcho, c.payload});
+    });
+    m->on(kBig, [](sim::Model&, const sim::Command&) {
+      Bytes p(100);
+      for (size_t i = 0; i < p.size(); ++i) p[i] = uint8_t(i);
+      return std::optional<sim::Reply>(sim::Reply{kBig, p});
+    });
+    m->on(kEmpty, [](sim::Model&, const sim::Command&) {
+      return std::optional<sim::Reply>(sim::Reply{kEmpty, {}});
+    });
+    return m;
+  }
+
+  bool echo_works(uint32_t h) {
+    const uint8_t ping[3] = {7, 8, 9};
+    uint8_t back[3] = {0};
+    return exchange(h, {.cmd = kEcho, .payload = ping, .reply = back}).ok() && back[2] == 9;
+  }
+
+  std::vector<size_t> out_lengths(const sim::Model& m) {
+    std::vector<size_t> v;
+    for (const sim::OutTransfer& t : m.out_transfers()) v.push_back(t.length);
+    return v;
+  }
+};
+
+TEST_F(Transport, FrameIsBigEndianHeaderThenPayload) {
+  auto m = open_with_handlers(0x51000020);
+  uint8_t payload[3] = {0xDE, 0xAD, 0xBE};
+  USB_MSG msg{0x01020304, 3, payload};
+  ASSERT_EQ(USB_MSG_Send(0x51000020, &msg, 100), 0);
+  auto cmds = m->commands();
+  ASSERT_EQ(cmds.size(), 1u);
+  EXPECT_EQ(cmds[0].endpoint, 1);
+  EXPECT_EQ(cmds[0].code, 0x01020304u);
+  EXPECT_EQ(cmds[0].payload, (Bytes{0xDE, 0xAD, 0xBE}));
+  EXPECT_EQ(out_lengths(*m), (std::vector<size_t>{11}));
+}
+
+TEST_F(Transport, ZeroLengthPacketAfterFullPacketsAtFullSpeed) {
+  auto m = open_with_handlers(0x51000021, sim::Speed::Full);
+  Bytes p56(56), p57(57), p120(120);
+  USB_MSG a{kEcho, 56, p56.data()}, b{kEcho, 57, p57.data()}, c{kEcho, 120, p120.data()};
+  ASSERT_EQ(USB_MSG_Send(0x51000021, &a, 100), 0);
+  ASSERT_EQ(USB_MSG_Send(0x51000021, &b, 100), 0);
+  ASSERT_EQ(USB_MSG_Send(0x51000021, &c, 100), 0);
+  EXPECT_EQ(out_lengths(*m), (std::vector<size_t>{64, 0, 65, 128, 0}));
+  EXPECT_EQ(m->commands().size(), 3u);  // the empty packets carry no command
+}
+
+TEST_F(Transport, ZeroLengthPacketAfterFullPacketsAtHighSpeed) {
+  auto m = open_with_handlers(0x51000022, sim::Speed::High);
+  Bytes p56(56), p504(504);
+  USB_MSG a{kEcho, 56, p56.data()}, b{kEcho, 504, p504.data()};
+  ASSERT_EQ(USB_MSG_Send(0x51000022, &a, 100), 0);
+  ASSERT_EQ(USB_MSG_Send(0x51000022, &b, 100), 0);
+  EXPECT_EQ(out_lengths(*m), (std::vector<size_t>{64, 512, 0}));
+}
+
+TEST_F(Transport, CanFdChannelParityPicksTheEndpoint) {
+  auto m = open_with_handlers(0x53000023);
+  uint8_t p[1] = {1};
+  USB_MSG msg{kEcho, 1, p};
+  ASSERT_EQ(CANFD_MSG_Send(0x53000023, 0, &msg, 100), 0);
+  ASSERT_EQ(CANFD_MSG_Send(0x53000023, 1, &msg, 100), 0);
+  ASSERT_EQ(CANFD_MSG_Send(0x53000023, 3, &msg, 100), 0);
+  auto cmds = m->commands();
+  ASSERT_EQ(cmds.size(), 3u);
+  EXPECT_EQ(cmds[0].endpoint, 1);
+  EXPECT_EQ(cmds[1].endpoint, 2);
+  EXPECT_EQ(cmds[2].endpoint, 2);
+}
+
+TEST_F(Transport, HeaderOnlyReplyLeavesBufferUntouched) {
+  open_with_handlers(0x51000024);
+  uint8_t buf[4] = {0x11, 0x22, 0x33, 0x44};
+  ExchangeResult r = exchange(0x51000024, {.cmd = kEmpty, .reply = buf});
+  EXPECT_TRUE(r.ok());
+  EXPECT_EQ(r.reply_len, 0u);
+  EXPECT_EQ(buf[0], 0x11);
+  EXPECT_EQ(buf[3], 0x44);
+}
+
+TEST_F(Transport, ReplyLongerThanBufferIsCutAndStreamStaysFramed) {
+  open_with_handlers(0x51000025);
+  uint8_t buf[8];
+  std::memset(buf, 0xCC, sizeof buf);
+  ExchangeResult r = exchange(0x51000025, {.cmd = kBig, .reply = std::span(buf, 4)});
+  EXPECT_TRUE(r.ok());
+  EXPECT_EQ(r.reply_len, 100u);
+  EXPECT_EQ(r.copied, 4u);
+  EXPECT_EQ(buf[3], 3);
+  EXPECT_EQ(buf[4], 0xCC);  // guard bytes past the capacity
+  EXPECT_TRUE(echo_works(0x51000025));
+
+  // The exported reader takes len as the buffer's capacity.
+  uint8_t one[2] = {0xCC, 0xCC};
+  USB_MSG out{kBig, 0, nullptr};
+  ASSERT_EQ(USB_MSG_Send(0x51000025, &out, 100), 0);
+  USB_MSG in{kBig, 1, one};
+  EXPECT_EQ(USB_MSG_Get(0x51000025, &in, 100), 0);
+  EXPECT_EQ(in.len, 100u);
+  EXPECT_EQ(one[0], 0);
+  EXPECT_EQ(one[1], 0xCC);
+}
+
+TEST_F(Transport, MismatchedReplyCodeIsDrainedAndReported) {
+  auto m = open_with_handlers(0x51000026);
+  m->inject({.kind = sim::FaultKind::WrongCode, .match_code = kEcho, .arg = 0x0BAD});
+  uint8_t p[5] = {1, 2, 3, 4, 5};
+  USB_MSG out{kEcho, 5, p};
+  ASSERT_EQ(USB_MSG_Send(0x51000026, &out, 100), 0);
+  uint8_t buf[8] = {0};
+  USB_MSG in{kEcho, sizeof buf, buf};
+  EXPECT_EQ(USB_MSG_Get(0x51000026, &in, 100), -3);
+  EXPECT_EQ(in.cmd, 0x0BADu);
+  EXPECT_EQ(in.len, 5u);
+  EXPECT_EQ(buf[0], 0);  // a foreign reply never lands in the caller's buffer
+  EXPECT_TRUE(echo_works(0x51000026));
+}
+
+TEST_F(Transport, ShortHeaderIsAReadFailure) {
+  auto m = open_with_handlers(0x51000027);
+  m->inject({.kind = sim::FaultKind::ShortHeader, .match_code = kEcho});
+  uint8_t p[1] = {1};
+  uint8_t buf[4] = {0};
+  ExchangeResult r = exchange(0x51000027, {.cmd = kEcho, .payload = p, .reply = buf});
+  EXPECT_EQ(r.code, veltrix::Transport::ReadFailed);
+  EXPECT_EQ(r.reply_cmd, 0u);
+  EXPECT_EQ(r.reply_len, 0u);
+  EXPECT_GE(m->resets(), 1);  // a failed transfer resets the device
+  EXPECT_TRUE(echo_works(0x51000027));
+}
+
+TEST_F(Transport, MissingReplyAndStallAreReadFailures) {
+  auto m = open_with_handlers(0x51000028);
+  uint8_t buf[4];
+  m->inject({.kind = sim::FaultKind::NoReply, .match_code = kEmpty});
+  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).value(), -3);
+  m->inject({.kind = sim::FaultKind::Stall});
+  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).value(), -3);
+  EXPECT_TRUE(echo_works(0x51000028));
+}
+
+TEST_F(Transport, HostileLengthNeverReadsGigabytes) {
+  auto m = open_with_handlers(0x51000029);
+  Bytes raw = {0x00, 0x00, 0x0E, 0x01, 0x7F, 0xFF, 0xFF, 0xF0, 1, 2, 3};
+  m->inject({.kind = sim::FaultKind::RawReply, .match_code = kEcho, .raw = raw});
+  uint8_t p[1] = {1};
+  uint8_t buf[4] = {0};
+  ExchangeResult r = exchange(0x51000029, {.cmd = kEcho, .payload = p, .reply = buf});
+  EXPECT_EQ(r.value(), -3);
+  EXPECT_EQ(r.reply_len, 0x7FFFFFF0u);
+  EXPECT_TRUE(echo_works(0x51000029));
+}
+
+TEST_F(Transport, NeverScannedHandleFailsWithoutUsbThenRetriesForASecond) {
+  uint8_t p[1] = {0};
+  USB_MSG msg{kEcho, 1, p};
+  EXPECT_EQ(USB_MSG_Send(0x5100DEAD, &msg, 100), -2);
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(MSG_Send(0x5100DEAD, &msg, 100), -2);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(900));
+  EXPECT_EQ(MSG_SendInt(0x5100DEAD, &msg, 100), -2);  // terminates like MSG_Send
+  USB_MSG in{kEcho, 1, p};
+  EXPECT_EQ(USB_MSG_Get(0x5100DEAD, &in, 100), -3);
+  EXPECT_EQ(in.cmd, 0u);
+}
+
+TEST_F(Transport, UnplugDuringAnExchangeFailsCleanlyAndRecovers) {
+  auto m = open_with_handlers(0x5100002A, sim::Speed::High);
+  m->inject({.kind = sim::FaultKind::Unplug, .match_code = kEcho});
+  const uint8_t p[1] = {1};
+  uint8_t buf[4];
+  ExchangeResult r = exchange(0x5100002A, {.cmd = kEcho, .payload = p, .reply = buf});
+  EXPECT_EQ(r.value(), -3);
+  bed().replug(0x5100002A, "", /*same_address=*/false);
+  ASSERT_EQ(USB_ScanDevice(nullptr), 1);
+  ASSERT_EQ(USB_OpenDevice(0x5100002A), 1);
+  EXPECT_TRUE(echo_works(0x5100002A));
+}
+
+TEST_F(Transport, UnlockBeforeLockIsHarmless) {
+  unlock(0x51000030);
+  lock(0x51000030);  // must not block
+  unlock(0x51000030);
+  can_data_unlock(0x51000030, 1);
+  can_data_lock(0x51000030, 1);
+  can_data_unlock(0x51000030, 1);
+  unlock_all();
+  lock_all();
+  unlock_all();
+  SUCCEED();
+}
+
+TEST_F(Transport, UnlockFromAnotherThreadDoesNotReleaseTheLock) {
+  lock(0x51000031);
+  std::thread([] { unlock(0x51000031); }).join();
+  bool got = false;
+  std::thread t([&] {
+    lock(0x51000031);
+    got = true;
+    unlock(0x51000031);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(got);  // still held by this thread
+  unlock(0x51000031);
+  t.join();
+  EXPECT_TRUE(got);
+}
+
+TEST_F(Transport, ConcurrentCommandsOnOneAdapterStayPaired) {
+  open_with_handlers(0x51000032);
+  constexpr int kThreads = 4, kRounds = 100;
+  std::atomic<int> mismatches{0}, failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kRounds; ++i) {
+        const uint8_t p[2] = {uint8_t(t), uint8_t(i)};
+        uint8_t back[2] = {0xFF, 0xFF};
+        ExchangeResult r = exchange(0x51000032, {.cmd = kEcho, .payload = p, .reply = back});
+        if (!r.ok()) ++failures;
+        else if (back[0] != t || back[1] != i) ++mismatches;
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(mismatches.load(), 0);
+}
+
+TEST(TimeHelpers, WallClockAndDebugSlot) {
+  uint64_t a = GetTimestampOfDay();
+  delay_ms(2);
+  uint64_t b = GetTimestampOfDay();
+  EXPECT_GT(a, 1600000000000ull);  // milliseconds since the epoch, not seconds
+  EXPECT_GE(b, a + 1);
+  uint64_t* slot = DEBUG_SetHandle(0x1122334455667788ull);
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ(*slot, 0x1122334455667788ull);
+  EXPECT_EQ(DEBUG_SetHandle(5), slot);
+}
+
+}  // namespace
+}  // namespace veltrix::test
