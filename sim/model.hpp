@@ -89,7 +89,11 @@ class Model {
   uint32_t serial() const { return id_.serial; }
   uint8_t model_code() const { return uint8_t(id_.serial >> 24); }
 
-  void on(uint32_t code, Handler h) { handlers_[code] = std::move(h); }
+  // Tests may add handlers while the adapter is plugged in.
+  void on(uint32_t code, Handler h) {
+    std::scoped_lock g(sim_mutex());
+    handlers_[code] = std::move(h);
+  }
   // Runs the handler for one command and records it; unknown codes get no reply.
   std::optional<Reply> dispatch(const Command& c);
 

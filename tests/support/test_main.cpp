@@ -26,8 +26,10 @@ bool only_listing(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (!under_umockdev() && !only_listing(argc, argv)) {
-    // The sanitizer runtimes would refuse a preload that comes before them.
+    // The sanitizer runtimes would refuse a preload that comes before them, and the USB
+    // emulation's own libraries are not built for ThreadSanitizer.
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    setenv("TSAN_OPTIONS", "halt_on_error=1:suppressions=" VELTRIX_TSAN_SUPPRESSIONS, 0);
     std::vector<char*> args;
     args.push_back(const_cast<char*>("umockdev-wrapper"));
     for (int i = 0; i < argc; ++i) args.push_back(argv[i]);
