@@ -1,0 +1,7 @@
+/* Everything of the VELTRIX interface in one include. */
+#ifndef VELTRIX_VELTRIX_H
+#define VELTRIX_VELTRIX_H
+
+#include "veltrix/usb_device.h"
+
+#endif
