@@ -3,5 +3,6 @@
 #define VELTRIX_VELTRIX_H
 
 #include "veltrix/usb_device.h"
+#include "veltrix/device.h"
 
 #endif

@@ -1,0 +1,58 @@
+// The adapter's timestamp counter and its power level setting.
+#include <array>
+
+#include "device/abi.hpp"
+#include "device/transport.hpp"
+#include "device/wire.hpp"
+#include "veltrix/device.h"
+
+namespace veltrix {
+namespace {
+
+constexpr uint32_t kCmdPowerLevel = 0x10;
+constexpr uint32_t kCmdGetTimestamp = 0x11;
+constexpr uint32_t kCmdResetTimestamp = 0x12;
+constexpr size_t kTimestampBytes = 4;  // little-endian, the adapter's own order
+
+int set_power_level(uint32_t h, uint8_t level) {
+  const uint8_t payload[1] = {level};
+  // Whatever the reply carries is of no interest: its arrival is the acknowledgement.
+  ExchangeResult r = exchange(h, {.cmd = kCmdPowerLevel, .payload = payload});
+  return r.ok() ? 1 : 0;
+}
+
+int get_timestamp(uint32_t h, uint8_t selector, unsigned int* out) {
+  if (out == nullptr) return 0;
+  const uint8_t payload[1] = {selector};
+  std::array<uint8_t, kTimestampBytes> raw{};
+  ExchangeResult r = exchange(h, {.cmd = kCmdGetTimestamp, .payload = payload, .reply = raw});
+  if (!r.ok() || r.reply_len != kTimestampBytes) return 0;
+  *out = wire::get_le32(raw.data());
+  return 1;
+}
+
+int reset_timestamp(uint32_t h) {
+  ExchangeResult r = exchange(h, {.cmd = kCmdResetTimestamp});
+  return r.ok() && r.reply_len == 0 ? 1 : 0;
+}
+
+}  // namespace
+}  // namespace veltrix
+
+using namespace veltrix;
+
+extern "C" {
+
+VELTRIX_API int DEV_SetPowerLevel(unsigned int h, unsigned char level) {
+  return guarded(0, [&] { return set_power_level(h, level); });
+}
+
+VELTRIX_API int DEV_GetTimestamp(unsigned int h, unsigned char selector, unsigned int* out) {
+  return guarded(0, [&] { return get_timestamp(h, selector, out); });
+}
+
+VELTRIX_API int DEV_ResetTimestamp(unsigned int h) {
+  return guarded(0, [&] { return reset_timestamp(h); });
+}
+
+}  // extern "C"
