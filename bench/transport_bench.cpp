@@ -1,0 +1,51 @@
+// Command exchanges through the real libusb against the virtual adapter: the cost of one
+// command/reply round trip in the library and the USB emulation together.
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "device/transport.hpp"
+#include "sim/reexec.hpp"
+#include "sim/testbed.hpp"
+#include "veltrix/usb_device.h"
+
+namespace {
+
+constexpr uint32_t kSerial = 0x51000001;
+constexpr uint32_t kEcho = 0x0E01;
+
+void setup_once() {
+  static bool done = [] {
+    veltrix::sim::Identity id;
+    id.serial = kSerial;
+    auto m = veltrix::sim::Testbed::instance().add_adapter(id);
+    m->on(kEcho, [](veltrix::sim::Model&, const veltrix::sim::Command& c) {
+      return std::optional<veltrix::sim::Reply>(veltrix::sim::Reply{kEcho, c.payload});
+    });
+    USB_ScanDevice(nullptr);
+    return USB_OpenDevice(kSerial) == 1;
+  }();
+  if (!done) std::abort();
+}
+
+void BM_Exchange(benchmark::State& state) {
+  setup_once();
+  std::vector<uint8_t> out(size_t(state.range(0)), 0x5A), in(out.size());
+  for (auto _ : state) {
+    auto r = veltrix::exchange(kSerial, {.cmd = kEcho, .payload = out, .reply = in});
+    if (!r.ok()) state.SkipWithError("exchange failed");
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(int64_t(state.iterations()) * state.range(0) * 2);
+}
+BENCHMARK(BM_Exchange)->Arg(0)->Arg(64)->Arg(2000)->Arg(40000)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  veltrix::sim::ensure_umockdev(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
