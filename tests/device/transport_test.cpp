@@ -205,6 +205,22 @@ TEST_F(Transport, UnplugDuringAnExchangeFailsCleanlyAndRecovers) {
   EXPECT_TRUE(echo_works(0x5100002A));
 }
 
+TEST_F(Transport, ReadWaitingBeforeDataArrivesCompletesWhenItComes) {
+  open_with_handlers(0x5100002B);
+  std::thread producer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::scoped_lock g(sim::sim_mutex());
+    bed().device(0x5100002B)->push_in({0x00, 0x00, 0x0E, 0x01, 0x00, 0x00, 0x00, 0x02, 0xAB, 0xCD});
+  });
+  uint8_t buf[2] = {0};
+  USB_MSG in{kEcho, sizeof buf, buf};
+  EXPECT_EQ(USB_MSG_Get(0x5100002B, &in, 2000), 0);
+  producer.join();
+  EXPECT_EQ(in.len, 2u);
+  EXPECT_EQ(buf[0], 0xAB);
+  EXPECT_EQ(buf[1], 0xCD);
+}
+
 TEST_F(Transport, UnlockBeforeLockIsHarmless) {
   unlock(0x51000030);
   lock(0x51000030);  // must not block
