@@ -166,19 +166,20 @@ void prune(const std::vector<uint32_t>& seen) {
 int scan_locked(uint32_t* out) {
   RegistryState& s = registry();
   if (int r = init_library(); r < 0) return r;
-  if (s.devs) {
-    libusb_free_device_list(s.devs, 1);
-    s.devs = nullptr;
+  libusb_device** list = nullptr;
+  ssize_t count = libusb_get_device_list(s.ctx, &list);
+  {
+    std::scoped_lock g(s.devs_mutex);
+    if (s.devs) libusb_free_device_list(s.devs, 1);
+    s.devs = count < 0 ? nullptr : list;
   }
-  ssize_t count = libusb_get_device_list(s.ctx, &s.devs);
-  if (count < 0) {
-    s.devs = nullptr;
-    return int(count);
-  }
+  if (count < 0) return int(count);
 
+  // Only scans replace the list, and scans are serialised by the global lock, so this
+  // one stays valid for the whole walk.
   std::vector<uint32_t> seen;
   for (ssize_t i = 0; i < count; ++i) {
-    libusb_device* dev = s.devs[i];
+    libusb_device* dev = list[i];
     libusb_device_descriptor d{};
     if (libusb_get_device_descriptor(dev, &d) != 0) continue;
     char path[16] = {0};
@@ -348,19 +349,16 @@ VELTRIX_API int retry_connect_dev(uint32_t handle) {
     if (!registry_ready()) return 0;
     usb_list* r = usb_list_post(handle);
     if (r == nullptr) return 0;
-    ssize_t count = 0;
-    if (s.devs == nullptr) {
-      count = libusb_get_device_list(s.ctx, &s.devs);
-      if (count < 0) {
-        s.devs = nullptr;
-        return 0;
-      }
-    }
     bool present = false;
-    for (libusb_device** d = s.devs; *d != nullptr && !present; ++d) {
-      char path[16] = {0};
-      present = is_adapter(*d) && get_ports_str(*d, path) &&
-                std::strncmp(path, r->port_path, sizeof path) == 0;
+    {
+      std::scoped_lock g(s.devs_mutex);
+      if (s.devs == nullptr && libusb_get_device_list(s.ctx, &s.devs) < 0) s.devs = nullptr;
+      if (s.devs == nullptr) return 0;
+      for (libusb_device** d = s.devs; *d != nullptr && !present; ++d) {
+        char path[16] = {0};
+        present = is_adapter(*d) && get_ports_str(*d, path) &&
+                  std::strncmp(path, r->port_path, sizeof path) == 0;
+      }
     }
     if (!present || r->device == nullptr) return 0;
     if (r->handle) {

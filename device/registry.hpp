@@ -10,6 +10,7 @@
 #include <libusb.h>
 
 #include <cstdint>
+#include <mutex>
 
 #include "veltrix/api.h"
 
@@ -30,7 +31,11 @@ namespace veltrix {
 
 struct RegistryState {
   libusb_context* ctx = nullptr;
-  libusb_device** devs = nullptr;  // list from the most recent scan, kept until the next
+  // List from the most recent scan, kept until the next. A scan replaces it under the
+  // global lock, while a re-connect walks it holding only an adapter lock: both also hold
+  // devs_mutex (a leaf lock: nothing is locked while holding it).
+  std::mutex devs_mutex;
+  libusb_device** devs = nullptr;  // guarded by devs_mutex
   uint8_t usb_need_init_flag = 1;
   usb_list head{};
   usb_list tail{};
