@@ -4,5 +4,8 @@
 
 #include "veltrix/usb_device.h"
 #include "veltrix/device.h"
+#include "veltrix/can.h"
+#include "veltrix/canfd.h"
+#include "veltrix/dbc.h"
 
 #endif

@@ -1,0 +1,141 @@
+#include "dbc/text.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace veltrix::dbc {
+
+std::vector<std::string> string_split(std::string_view text, std::string_view delimiters) {
+  std::vector<std::string> out;
+  if (delimiters.size() == 1) {  // the common case: lines are cut at spaces
+    const char d = delimiters[0];
+    const char* p = text.data();
+    const char* end = p + text.size();
+    while (p < end) {
+      while (p < end && *p == d) ++p;
+      if (p == end) break;
+      const void* hit = std::memchr(p, d, size_t(end - p));
+      const char* stop = hit ? static_cast<const char*>(hit) : end;
+      out.emplace_back(p, size_t(stop - p));
+      p = stop;
+    }
+    return out;
+  }
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t begin = text.find_first_not_of(delimiters, pos);
+    if (begin == std::string_view::npos) break;
+    size_t end = text.find_first_of(delimiters, begin);
+    if (end == std::string_view::npos) end = text.size();
+    out.emplace_back(text.substr(begin, end - begin));
+    pos = end;
+  }
+  return out;
+}
+
+void split(const std::string& text, char delimiter, std::vector<std::string>& out) {
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find(delimiter, pos);
+    if (end == std::string::npos) end = text.size();
+    out.emplace_back(text, pos, end - pos);
+    pos = end + 1;
+  }
+}
+
+std::vector<std::string> split(const std::string& text, char delimiter) {
+  std::vector<std::string> out;
+  split(text, delimiter, out);
+  return out;
+}
+
+std::string string_join(const std::vector<std::string>& parts, const std::string& separator) {
+  std::string out;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (i) out += separator;
+    out += parts[i];
+  }
+  return out;
+}
+
+std::string string_remove(std::string& text, const std::string& piece) {
+  if (piece.empty()) return text;
+  // Searching again from the start means a removal that joins two halves into a new
+  // occurrence removes that one too.
+  for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece)) {
+    text.erase(at, piece.size());
+  }
+  return text;
+}
+
+void string_replace_all(std::string& text, const std::string& from, const std::string& to) {
+  if (from.empty()) return;
+  // Each search restarts at the beginning; a replacement that contains `from` would never
+  // end, so such a pair resumes after the inserted text instead.
+  const bool self_containing = to.find(from) != std::string::npos;
+  size_t resume = 0;
+  for (size_t at = text.find(from); at != std::string::npos;) {
+    text.replace(at, from.size(), to);
+    resume = at + to.size();
+    at = text.find(from, self_containing ? resume : 0);
+  }
+}
+
+void trim(std::string& text, const std::string& characters) {
+  size_t end = text.find_last_not_of(characters);
+  if (end == std::string::npos) {
+    text.clear();
+    return;
+  }
+  text.erase(end + 1);
+  text.erase(0, text.find_first_not_of(characters));
+}
+
+int GetDoubleQuoteNum(std::string_view text) {
+  return int(std::count(text.begin(), text.end(), '"'));
+}
+
+void remove_char(std::string& text, char c) {
+  text.erase(std::remove(text.begin(), text.end(), c), text.end());
+}
+
+uint64_t read_unsigned_auto(const std::string& text) {
+  return std::strtoull(text.c_str(), nullptr, 0);
+}
+
+int64_t read_signed_decimal(const std::string& text) {
+  return std::strtol(text.c_str(), nullptr, 10);
+}
+
+int64_t read_signed_ll_decimal(const std::string& text) {
+  return std::strtoll(text.c_str(), nullptr, 10);
+}
+
+double read_double(const std::string& text) { return std::strtod(text.c_str(), nullptr); }
+
+int64_t saturate_to_i64(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9223372036854775808.0) return INT64_MAX;
+  if (v < -9223372036854775808.0) return INT64_MIN;
+  return int64_t(v);
+}
+
+uint64_t saturate_to_u64(double v) {
+  // Values from 2^63 up go through the unsigned range; negative values wrap the way a
+  // signed conversion followed by a reinterpretation does (-1 gives all ones).
+  if (std::isnan(v)) return 0;
+  if (v >= 18446744073709551616.0) return UINT64_MAX;
+  if (v >= 9223372036854775808.0) return uint64_t(v);
+  return uint64_t(saturate_to_i64(v));
+}
+
+int32_t saturate_to_i32(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0) return INT32_MAX;
+  if (v <= -2147483649.0) return INT32_MIN;
+  return int32_t(v);
+}
+
+}  // namespace veltrix::dbc

@@ -1,0 +1,47 @@
+// Text helpers of the DBC reader. Their exact token rules shape what the parser accepts,
+// so they are kept small and literal.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltrix::dbc {
+
+// Cuts text at any character of the delimiter set. Runs of delimiters count as one and
+// empty tokens never appear (leading and trailing delimiters vanish).
+std::vector<std::string> string_split(std::string_view text, std::string_view delimiters);
+
+// Cuts text at every delimiter. Empty pieces between delimiters are kept; a trailing
+// delimiter does not make a final empty piece, and an empty text gives no pieces.
+std::vector<std::string> split(const std::string& text, char delimiter);
+void split(const std::string& text, char delimiter, std::vector<std::string>& out);
+
+std::string string_join(const std::vector<std::string>& parts, const std::string& separator);
+
+// Deletes every occurrence of piece, in place; returns the result as well.
+std::string string_remove(std::string& text, const std::string& piece);
+void string_replace_all(std::string& text, const std::string& from, const std::string& to);
+
+// Removes characters of the set from the end, then from the start.
+void trim(std::string& text, const std::string& characters);
+
+int GetDoubleQuoteNum(std::string_view text);
+
+void remove_char(std::string& text, char c);
+
+// Lenient number reading: text that is not a number reads as 0; "0x" is hexadecimal and a
+// leading "0" octal where the base is automatic.
+uint64_t read_unsigned_auto(const std::string& text);
+int64_t read_signed_decimal(const std::string& text);
+int64_t read_signed_ll_decimal(const std::string& text);
+double read_double(const std::string& text);
+
+// Conversions that never invoke undefined behaviour: NaN gives 0, values beyond the range
+// give the nearest end.
+int64_t saturate_to_i64(double v);
+uint64_t saturate_to_u64(double v);
+int32_t saturate_to_i32(double v);
+
+}  // namespace veltrix::dbc

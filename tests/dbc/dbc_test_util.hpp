@@ -1,0 +1,52 @@
+// Helpers shared by the DBC suites: temporary files and parsing from text.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "dbc/decoder.hpp"
+
+namespace veltrix::dbc::test {
+
+// Device handle whose registry position the registry reports without a scan.
+constexpr int kDirectDevice = int(0xFF000000u);
+
+inline std::string corpus(const std::string& name) {
+  return std::string(VELTRIX_CORPUS_DIR) + "/dbc/" + name;
+}
+
+// A file in the temporary directory holding text; removed when the object goes away.
+class TempFile {
+ public:
+  explicit TempFile(const std::string& text) {
+    char tmpl[] = "/tmp/veltrix_dbc_XXXXXX";
+    int fd = mkstemp(tmpl);
+    EXPECT_GE(fd, 0);
+    path_ = tmpl;
+    EXPECT_EQ(write(fd, text.data(), text.size()), ssize_t(text.size()));
+    close(fd);
+  }
+  ~TempFile() { std::remove(path_.c_str()); }
+  const char* path() const { return path_.c_str(); }
+
+ private:
+  std::string path_;
+};
+
+inline std::unique_ptr<DBC_Decoder> parse(const std::string& text) {
+  ParseFault fault;
+  auto db = DBC_Decoder::fromText(text, &fault);
+  EXPECT_TRUE(db) << "refused at line " << fault.line << " (" << fault.keyword << ")";
+  return db;
+}
+
+inline const DBC_SIGNAL& signal_of(const DBC_Decoder& db, size_t message, size_t signal) {
+  return db.messages().at(message).signals.at(signal);
+}
+
+}  // namespace veltrix::dbc::test
