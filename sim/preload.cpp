@@ -12,9 +12,9 @@
 namespace {
 
 __attribute__((constructor)) void veltrix_sim_start() {
-  const char* spec = std::getenv("VELTRIX_SIM_ADAPTERS");
-  if (spec == nullptr || *spec == '\0') return;
-  std::stringstream ss(spec);
+  const char* list = std::getenv("VELTRIX_SIM_ADAPTERS");
+  if (list == nullptr || *list == '\0') return;
+  std::stringstream ss(list);
   std::string item;
   try {
     while (std::getline(ss, item, ',')) {
