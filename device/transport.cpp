@@ -22,7 +22,11 @@ ExchangeResult exchange_locked(uint32_t handle, const Exchange& x) {
   msg.cmd = x.reply_cmd ? x.reply_cmd : x.cmd;
   msg.len = 0;
   msg.data = x.reply.empty() ? no_room : x.reply.data();
+  const uint32_t expected = msg.cmd;
   r = get_packet(handle, &msg, x.reply.size(), x.timeout_ms);
+  // A bare header with a foreign code passes the packet reader (it has no payload to
+  // misplace), but for the command waiting on it, it is still the wrong reply.
+  if (r == 0 && msg.cmd != expected) r = static_cast<int>(Transport::ReadFailed);
   res.code = static_cast<Transport>(r);
   res.reply_cmd = msg.cmd;
   res.reply_len = msg.len;

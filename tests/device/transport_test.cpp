@@ -144,6 +144,16 @@ TEST_F(Transport, MismatchedReplyCodeIsDrainedAndReported) {
   EXPECT_TRUE(echo_works(0x51000026));
 }
 
+TEST_F(Transport, BareHeaderWithAForeignCodeFailsTheExchange) {
+  auto m = open_with_handlers(0x5100002C);
+  m->inject({.kind = sim::FaultKind::WrongCode, .match_code = kEmpty, .arg = 0x0BAD});
+  uint8_t buf[4];
+  ExchangeResult r = exchange(0x5100002C, {.cmd = kEmpty, .reply = buf});
+  EXPECT_EQ(r.code, veltrix::Transport::ReadFailed);
+  EXPECT_EQ(r.reply_cmd, 0x0BADu);
+  EXPECT_EQ(r.reply_len, 0u);
+}
+
 TEST_F(Transport, ShortHeaderIsAReadFailure) {
   auto m = open_with_handlers(0x51000027);
   m->inject({.kind = sim::FaultKind::ShortHeader, .match_code = kEcho});
