@@ -2,11 +2,13 @@
 #include "sim/model.hpp"
 
 #include "sim/device_services.hpp"
+#include "sim/lin_bus.hpp"
 
 namespace veltrix::sim {
 
 void install_families(Model& m) {
   install_device_services(m);
+  install_lin(m);
 }
 
 }  // namespace veltrix::sim
