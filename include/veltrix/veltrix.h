@@ -7,5 +7,8 @@
 #include "veltrix/can.h"
 #include "veltrix/canfd.h"
 #include "veltrix/dbc.h"
+#include "veltrix/ldf.h"
+#include "veltrix/lin.h"
+#include "veltrix/lin_uds.h"
 
 #endif

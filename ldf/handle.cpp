@@ -1,0 +1,137 @@
+// Opening and releasing a handle, and the queries about frames, schedules and nodes.
+#include <new>
+
+#include "device/abi.hpp"
+#include "ldf/decode.hpp"
+#include "ldf/lookup.hpp"
+#include "ldf/storage.hpp"
+
+using veltrix::guarded;
+namespace ldf = veltrix::ldf;
+
+extern "C" VELTRIX_API LDF_CODING* LDF_ParserFile(int DevHandle, unsigned char LINIndex,
+                                                  unsigned char isMaster, const char* path) {
+  return guarded<LDF_CODING*>(nullptr, [&]() -> LDF_CODING* {
+    if (!path) return nullptr;
+    auto* h = new LDF_CODING{};
+    if (ldf::decode(DevHandle, path, h, true) != 0) {
+      delete h;  // a failed decode registers nothing
+      return nullptr;
+    }
+    h->DevHandle = DevHandle;
+    h->LINIndex = LINIndex;
+    h->MasterMode = isMaster ? 1 : 0;
+    // Not yet done: initialising the LIN channel (LIN_EX_Init with LINSpeed and the
+    // master flag; Initialized = 1 on success, the handle released and NULL otherwise).
+    // It comes with the LIN channel family, together with the bus operations in
+    // ldf/bus.cpp.
+    return h;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_Release(LDF_CODING* pLDF) {
+  return guarded(-4, [&] { return pLDF ? ldf::release(pLDF) : -4; });
+}
+
+extern "C" VELTRIX_API int LDF_GetProtocolVersion(const LDF_CODING* pLDF) {
+  return pLDF ? pLDF->ProtocolVersion : -4;
+}
+
+extern "C" VELTRIX_API int LDF_GetLINSpeed(const LDF_CODING* pLDF) {
+  return pLDF ? pLDF->LINSpeed : -4;
+}
+
+extern "C" VELTRIX_API int LDF_GetFrameQuantity(const LDF_CODING* pLDF) {
+  return pLDF ? pLDF->FrameNum : -4;
+}
+
+extern "C" VELTRIX_API int LDF_GetSchQuantity(const LDF_CODING* pLDF) {
+  return pLDF ? pLDF->SchNum : -4;
+}
+
+extern "C" VELTRIX_API int LDF_GetFrameName(const LDF_CODING* pLDF, int index, char* pFrameName) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pFrameName) return -4;
+    if (index < 0 || index >= pLDF->FrameNum) return -5;
+    ldf::copy_name(pFrameName, pLDF->Frames[index].Name);
+    return 0;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetFrameSignalQuantity(const LDF_CODING* pLDF,
+                                                      const char* pFrameName) {
+  return guarded(-4, [&] {
+    if (!pLDF) return -4;
+    const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
+    return f ? f->SignalNum : -5;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetFrameSignalName(const LDF_CODING* pLDF, const char* pFrameName,
+                                                  int index, char* pSignalName) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pSignalName) return -4;
+    if (index < 0) return -5;
+    for (int i = 0; i < pLDF->FrameNum; ++i) {
+      const LDF_LIN_FRAME& f = pLDF->Frames[i];
+      if (ldf::same_name(f.Name, pFrameName) && f.SignalNum > index) {
+        ldf::copy_name(pSignalName, f.Signals[index].Name);
+        return 0;
+      }
+    }
+    return -5;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetFramePublisher(const LDF_CODING* pLDF, const char* pFrameName,
+                                                 char* pPublisher) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pPublisher) return -4;
+    const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
+    if (!f) return -5;
+    if (f->Publisher) ldf::copy_name(pPublisher, f->Publisher);
+    return 0;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetMasterName(const LDF_CODING* pLDF, char* pMasterName) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pMasterName) return -4;
+    if (!pLDF->Nodes || !pLDF->Nodes->MasterName) return -5;
+    ldf::copy_name(pMasterName, pLDF->Nodes->MasterName);
+    return 0;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetSchName(const LDF_CODING* pLDF, int index, char* pSchName) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pSchName) return -4;
+    if (index < 0 || index >= pLDF->SchNum) return -5;
+    ldf::copy_name(pSchName, pLDF->Schs[index].Name);
+    return 0;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetSchFrameQuantity(const LDF_CODING* pLDF, const char* pSchName) {
+  return guarded(-4, [&] {
+    if (!pLDF) return -4;
+    const LDF_LIN_SCH* s = ldf::find_schedule(*pLDF, pSchName);
+    return s ? s->FrameNum : -5;
+  });
+}
+
+extern "C" VELTRIX_API int LDF_GetSchFrameName(const LDF_CODING* pLDF, const char* pSchName,
+                                               int index, char* pFrameName) {
+  return guarded(-4, [&] {
+    if (!pLDF || !pFrameName) return -4;
+    if (index < 0) return -5;
+    for (int i = 0; i < pLDF->SchNum; ++i) {
+      const LDF_LIN_SCH& s = pLDF->Schs[i];
+      if (ldf::same_name(s.Name, pSchName) && s.FrameNum > index) {
+        ldf::copy_name(pFrameName, s.Frames[index].Frame.Name);
+        return 0;
+      }
+    }
+    return -5;
+  });
+}
