@@ -1,6 +1,7 @@
 // Every family's part of the firmware model, installed on each new adapter.
 #include "sim/model.hpp"
 
+#include "sim/can_bus.hpp"
 #include "sim/device_services.hpp"
 #include "sim/lin_bus.hpp"
 
@@ -9,6 +10,7 @@ namespace veltrix::sim {
 void install_families(Model& m) {
   install_device_services(m);
   install_lin(m);
+  install_can(m);
 }
 
 }  // namespace veltrix::sim

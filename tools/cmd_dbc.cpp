@@ -13,9 +13,12 @@
 
 #include "dbc/decoder.hpp"
 #include "dbc/text.hpp"
+#include "tools/dbc_print.hpp"
 
 namespace {
 
+using veltrix::tools::id_text;
+using veltrix::tools::open_database;
 using veltrix::dbc::ByteOrder;
 using veltrix::dbc::DBC_Decoder;
 using veltrix::dbc::DBC_MESSAGE;
@@ -27,30 +30,6 @@ int usage() {
                "usage: veltrix dbc show FILE\n"
                "       veltrix dbc decode FILE < frames\n");
   return 2;
-}
-
-std::unique_ptr<DBC_Decoder> open_database(const char* path) {
-  veltrix::dbc::ParseFault fault;
-  auto db = DBC_Decoder::load(path, &fault);
-  if (!db) {
-    if (fault.status == veltrix::dbc::ParseStatus::CannotOpen) {
-      std::fprintf(stderr, "veltrix dbc: cannot read %s\n", path);
-    } else {
-      std::fprintf(stderr, "veltrix dbc: %s:%zu: %s line lacks a required token\n", path,
-                   fault.line, fault.keyword.c_str());
-    }
-  }
-  return db;
-}
-
-std::string id_text(uint32_t id) {
-  char buf[16];
-  if (id & 0x80000000u) {
-    std::snprintf(buf, sizeof buf, "%08" PRIX32, id & 0x1FFFFFFFu);
-  } else {
-    std::snprintf(buf, sizeof buf, "%03" PRIX32, id);
-  }
-  return buf;
 }
 
 const char* mux_text(const DBC_SIGNAL& s, char* buf, size_t size) {
@@ -135,41 +114,6 @@ bool parse_frame(const std::string& text, Frame* f, bool* remote) {
   return true;
 }
 
-void print_signal_value(const DBC_SIGNAL& s, double value) {
-  if (!s.valueTable.empty()) {
-    auto it = s.valueTable.find(veltrix::dbc::saturate_to_i32(value));
-    if (it != s.valueTable.end()) {
-      std::printf(" %s=%s", s.name.c_str(), it->second.c_str());
-      return;
-    }
-  }
-  std::printf(" %s=%g%s%s", s.name.c_str(), value, s.unit.empty() ? "" : " ", s.unit.c_str());
-}
-
-void print_decoded(const DBC_MESSAGE& m, const Frame& f) {
-  std::printf("  %s:", m.name.c_str());
-  uint64_t selected = 0;
-  bool have_switch = false;
-  for (const DBC_SIGNAL& s : m.signals) {
-    if (s.multiplexMode == veltrix::dbc::MUX_SWITCH && !have_switch) {
-      have_switch = true;
-      selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), f.data,
-                                              ByteOrder(s.byteOrder));
-    }
-  }
-  for (const DBC_SIGNAL& s : m.signals) {
-    if (s.multiplexMode == veltrix::dbc::MUX_SELECTED &&
-        (!have_switch || s.multiplexValue != selected)) {
-      continue;
-    }
-    DBC_SIGNAL copy = s;  // the database stays untouched
-    copy.rawValue =
-        DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), f.data, ByteOrder(s.byteOrder));
-    print_signal_value(copy, DBC_Decoder::getSignalRealValue(&copy));
-  }
-  std::printf("\n");
-}
-
 int decode(const DBC_Decoder& db) {
   std::string line;
   size_t line_no = 0;
@@ -192,12 +136,7 @@ int decode(const DBC_Decoder& db) {
     }
     std::printf("%s\n", line.c_str());
     if (remote) continue;
-    const uint32_t mi = db.findMessageById(f.key);
-    if (mi == DBC_Decoder::kNone) {
-      std::printf("  (no message with id %s)\n", id_text(f.key).c_str());
-      continue;
-    }
-    print_decoded(db.messages()[mi], f);
+    veltrix::tools::print_decoded(db, f.key, f.data, f.length);
   }
   return bad ? 1 : 0;
 }

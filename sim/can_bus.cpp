@@ -1,0 +1,275 @@
+#include "sim/can_bus.hpp"
+
+#include <algorithm>
+
+#include "device/wire.hpp"
+#include "sim/device_services.hpp"
+
+namespace veltrix::sim {
+namespace {
+
+constexpr uint32_t kCmdInit = 0x0C00;
+constexpr uint32_t kCmdFilter = 0x0C01;
+constexpr uint32_t kCmdSend = 0x0C02;
+constexpr uint32_t kCmdRead = 0x0C03;
+constexpr uint32_t kCmdStatus = 0x0C04;
+constexpr uint32_t kCmdStop = 0x0C09;
+constexpr uint32_t kCmdSendSync = 0x0C0A;
+constexpr uint32_t kCmdTxInfo = 0x0C0B;
+
+constexpr size_t kRecord = 20;
+constexpr size_t kSyncHeader = 12;
+constexpr uint8_t kRefusal = 0x01;
+constexpr uint8_t kLecAck = 3;
+constexpr uint8_t kErrorPassive = 128;
+constexpr uint8_t kWarning = 96;
+constexpr uint64_t kTimeMask = 0xFFFFFFFFFFull;
+
+using Bytes = std::vector<uint8_t>;
+
+std::optional<Reply> ack(const Command& c) { return Reply{c.code, {}}; }
+std::optional<Reply> refuse(const Command& c) { return Reply{c.code, {kRefusal}}; }
+
+uint64_t now_100us(Model& m) {
+  DeviceServices& d = device_services(m);
+  return ((d.clock_us() - d.timestamp_zero_us) / 100) & kTimeMask;
+}
+
+// Record layout (little-endian): ID, time low, flags (bit 0 RTR), ext, length, data[8],
+// time high.
+CanFrame decode(const uint8_t* p) {
+  CanFrame f;
+  f.id = wire::get_le32(p);
+  f.rtr = p[8] & 1;
+  f.ext = p[9] & 1;
+  f.id &= f.ext ? 0x1FFFFFFFu : 0x7FFu;
+  f.len = std::min<uint8_t>(p[10], 8);
+  std::copy_n(p + 11, 8, f.data.begin());
+  return f;
+}
+
+void encode(const CanFrame& f, uint8_t* p) {
+  wire::put_le32(p, f.id);
+  wire::put_le32(p + 4, uint32_t(f.time));
+  p[8] = f.rtr ? 1 : 0;
+  p[9] = f.ext ? 1 : 0;
+  p[10] = f.len;
+  std::copy_n(f.data.begin(), 8, p + 11);
+  p[19] = uint8_t(f.time >> 32);
+}
+
+// The frame in the filter register form: standard id in bits 31..21, extended id in
+// bits 31..3, IDE bit 2, RTR bit 1.
+uint32_t register_form(const CanFrame& f) {
+  uint32_t flags = (f.ext ? 4u : 0u) | (f.rtr ? 2u : 0u);
+  return (f.ext ? f.id << 3 : f.id << 21) | flags;
+}
+
+bool accepts(const CanPortModel& p, const CanFrame& f) {
+  bool any = false;
+  const uint32_t r = register_form(f);
+  for (const CanFilterBank& b : p.banks) {
+    if (!b.enabled) continue;
+    any = true;
+    if (b.list_mode ? (r == b.id || r == b.mask) : ((r ^ b.id) & b.mask) == 0) return true;
+  }
+  return !any;
+}
+
+void receive(CanPortModel& p, const CanFrame& f) {
+  if (p.rx.size() >= kRxFifoDepth) {
+    ++p.rx_overruns;
+    if (p.rx_fifo_locked) return;
+    p.rx.pop_front();
+  }
+  p.rx.push_back(f);
+}
+
+bool port_ok(const Command& c, size_t at) { return c.payload.size() > at && c.payload[at] < kCanPorts; }
+
+// Puts a batch on the bus from port `from`.
+void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> frames) {
+  CanPortModel& tx = bus.ports[from];
+  tx.queued = uint32_t(frames.size());
+  tx.delivered = 0;
+  tx.aborted = false;
+  const int abort_after = tx.abort_after;
+  tx.abort_after = -1;
+  if (tx.bus_off && tx.auto_bus_off_recovery) {
+    tx.bus_off = false;
+    tx.tec = tx.rec = 0;
+  }
+  CanPortModel* peer = bus.cable ? &bus.ports[from ^ 1] : nullptr;
+  for (CanFrame& f : frames) {
+    if (abort_after >= 0 && tx.delivered >= uint32_t(abort_after)) {
+      tx.aborted = true;
+      return;
+    }
+    if (tx.bus_off) return;  // stays queued
+    if (!peer || !peer->running || peer->bit_rate != tx.bit_rate || tx.bit_rate == 0) {
+      // Nobody acknowledges: an error passive transmitter's counter no longer grows.
+      tx.last_error = kLecAck;
+      if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
+      // Without retransmission the frame is given up, and the adapter gives up the
+      // batch; with it the controller keeps retrying this frame and the rest waits.
+      tx.aborted = tx.no_auto_retransmit;
+      return;
+    }
+    f.time = now_100us(m);
+    if (tx.tec) --tx.tec;
+    tx.last_error = 0;
+    tx.sent.push_back(f);
+    if (tx.sent.size() > kSentLog) tx.sent.pop_front();
+    ++tx.delivered;
+    if (accepts(*peer, f)) receive(*peer, f);
+  }
+}
+
+std::vector<CanFrame> decode_records(const uint8_t* p, size_t n) {
+  std::vector<CanFrame> out;
+  out.reserve(n);
+  for (size_t i = 0; i < n; ++i) out.push_back(decode(p + i * kRecord));
+  return out;
+}
+
+std::optional<Reply> on_init(Model& m, const Command& c) {
+  if (c.payload.size() != 13 || !port_ok(c, 0)) return refuse(c);
+  const uint8_t* p = c.payload.data();
+  CanPortModel& port = can_bus(m).ports[p[0]];
+  // Ports 0 and 1 take register values: each segment minus one.
+  const uint32_t seg1 = p[9] + 1u, seg2 = p[10] + 1u;
+  const uint32_t prescaler = wire::get_be16(p + 11);
+  port.running = true;
+  port.auto_bus_off_recovery = p[2] & 1;
+  port.no_auto_retransmit = p[4] & 1;
+  port.rx_fifo_locked = p[5] & 1;
+  port.tx_fifo_order = p[6] & 1;
+  port.mode = p[7];
+  port.bit_rate = prescaler ? can_clock_hz(m) / (prescaler * (1 + seg1 + seg2)) : 0;
+  port.tec = port.rec = 0;
+  port.bus_off = false;
+  port.last_error = 0;
+  port.rx.clear();
+  port.queued = port.delivered = 0;
+  port.aborted = false;
+  return ack(c);
+}
+
+std::optional<Reply> on_filter(Model& m, const Command& c) {
+  if (c.payload.size() != 14 || !port_ok(c, 0)) return refuse(c);
+  const uint8_t* p = c.payload.data();
+  const unsigned bank = p[1];
+  if (bank / kCanBanks != p[0]) return refuse(c);  // banks 0-13 port 0, 14-27 port 1
+  CanFilterBank& b = can_bus(m).ports[p[0]].banks[bank % kCanBanks];
+  b.list_mode = p[2] != 0;
+  b.id = uint32_t(wire::get_be16(p + 4)) << 16 | wire::get_be16(p + 6);
+  b.mask = uint32_t(wire::get_be16(p + 8)) << 16 | wire::get_be16(p + 10);
+  b.enabled = p[13] != 0;
+  return ack(c);
+}
+
+std::optional<Reply> on_send(Model& m, const Command& c) {
+  Bytes count(4, 0);
+  if (!port_ok(c, 0) || (c.payload.size() - 1) % kRecord != 0) return Reply{c.code, count};
+  CanBusState& bus = can_bus(m);
+  const unsigned port = c.payload[0];
+  if (!bus.ports[port].running) return Reply{c.code, count};
+  const size_t n = (c.payload.size() - 1) / kRecord;
+  transmit(m, bus, port, decode_records(c.payload.data() + 1, n));
+  wire::put_le32(count.data(), uint32_t(n));
+  return Reply{c.code, count};
+}
+
+std::optional<Reply> on_send_sync(Model& m, const Command& c) {
+  if (!port_ok(c, 10) || c.payload.size() < kSyncHeader) return refuse(c);
+  const size_t n = c.payload[11];
+  if (c.payload.size() != kSyncHeader + n * kRecord) return refuse(c);
+  CanBusState& bus = can_bus(m);
+  const unsigned port = c.payload[10];
+  if (!bus.ports[port].running) return refuse(c);
+  transmit(m, bus, port, decode_records(c.payload.data() + kSyncHeader, n));
+  return ack(c);
+}
+
+std::optional<Reply> on_read(Model& m, const Command& c) {
+  if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
+  CanPortModel& port = can_bus(m).ports[c.payload[0]];
+  const size_t n = std::min(port.rx.size(), kReadBatchMax);
+  Bytes out(n * kRecord);
+  for (size_t i = 0; i < n; ++i) encode(port.rx[i], out.data() + i * kRecord);
+  port.rx.erase(port.rx.begin(), port.rx.begin() + long(n));
+  return Reply{c.code, std::move(out)};
+}
+
+std::optional<Reply> on_status(Model& m, const Command& c) {
+  if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
+  const CanPortModel& p = can_bus(m).ports[c.payload[0]];
+  //   error status word: 31..24 REC | 23..16 TEC | 6..4 last error | 2 bus-off |
+  //                      1 error passive | 0 error warning
+  uint32_t e = uint32_t(p.rec) << 24 | uint32_t(p.tec) << 16 | uint32_t(p.last_error & 7) << 4;
+  if (p.bus_off) e |= 4;
+  if (p.tec >= kErrorPassive || p.rec >= kErrorPassive) e |= 2;
+  if (p.tec >= kWarning || p.rec >= kWarning) e |= 1;
+  Bytes out(8);
+  wire::put_le32(out.data(), p.running ? 1u : 0u);  // status word: bit 0 port started
+  wire::put_le32(out.data() + 4, e);
+  return Reply{c.code, std::move(out)};
+}
+
+std::optional<Reply> on_stop(Model& m, const Command& c) {
+  if (c.payload.size() != 1 || !port_ok(c, 0)) return refuse(c);
+  CanPortModel& p = can_bus(m).ports[c.payload[0]];
+  p.running = false;
+  p.rx.clear();
+  return ack(c);
+}
+
+std::optional<Reply> on_tx_info(Model& m, const Command& c) {
+  if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
+  const CanPortModel& p = can_bus(m).ports[c.payload[0]];
+  // One byte per count: the adapter reports them modulo 256.
+  return Reply{c.code, {uint8_t(p.queued), 0, uint8_t(p.delivered), uint8_t(p.aborted ? 1 : 0)}};
+}
+
+}  // namespace
+
+CanBusState& can_bus(Model& m) { return m.state<CanBusState>(); }
+
+uint32_t can_clock_hz(const Model& m) {
+  switch (m.model_code() >> 4) {
+    case 0x4: return 42000000;
+    case 0x5: return 40000000;
+    default: return 100000000;
+  }
+}
+
+void can_inject_rx(Model& m, unsigned port, const std::vector<CanFrame>& frames) {
+  std::scoped_lock g(sim_mutex());
+  CanPortModel& p = can_bus(m).ports.at(port);
+  for (const CanFrame& f : frames) receive(p, f);
+}
+
+void can_force_bus_off(Model& m, unsigned port) {
+  std::scoped_lock g(sim_mutex());
+  CanPortModel& p = can_bus(m).ports.at(port);
+  p.bus_off = true;
+  p.tec = 255;
+}
+
+void can_abort_next_batch(Model& m, unsigned port, int n) {
+  std::scoped_lock g(sim_mutex());
+  can_bus(m).ports.at(port).abort_after = n;
+}
+
+void install_can(Model& m) {
+  m.on(kCmdInit, on_init);
+  m.on(kCmdFilter, on_filter);
+  m.on(kCmdSend, on_send);
+  m.on(kCmdRead, on_read);
+  m.on(kCmdStatus, on_status);
+  m.on(kCmdStop, on_stop);
+  m.on(kCmdSendSync, on_send_sync);
+  m.on(kCmdTxInfo, on_tx_info);
+}
+
+}  // namespace veltrix::sim
