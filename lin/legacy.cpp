@@ -79,23 +79,33 @@ int legacy_break(int handle, uint8_t channel) {
   return lin_ack_code(lin_exchange(handle, {.cmd = kCmdOldBreak, .payload = ch}));
 }
 
+// The older frames as master records for the newer command set. Identifiers up to
+// last_enhanced use the enhanced checksum; a read record carries no data.
+std::vector<LIN_EX_MSG> as_master_records(const LIN_MSG* frames, int count, uint8_t type,
+                                          uint8_t last_enhanced) {
+  std::vector<LIN_EX_MSG> recs(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    LIN_EX_MSG& m = recs[size_t(i)];
+    m = LIN_EX_MSG{};
+    m.Timestamp = 1;
+    m.MsgType = type;
+    m.PID = frames[i].ID;
+    if (type == LIN_EX_MSG_TYPE_MW) {
+      m.DataLen = frames[i].DataLen;
+      std::copy_n(frames[i].Data, sizeof m.Data, m.Data);
+    }
+    m.CheckType = (frames[i].ID & 0x3F) <= last_enhanced ? LIN_EX_CHECK_EXT : LIN_EX_CHECK_STD;
+  }
+  return recs;
+}
+
 int legacy_write(int handle, uint8_t channel, const LIN_MSG* frames, int count) {
   const int slot = slot_of(handle);
   if (slot < 0 || frames == nullptr || count < 1 || count > kMaxOldFrames)
     return LIN_EX_ERR_PARAMETER;
   if (new_api(slot)) {
-    std::vector<LIN_EX_MSG> recs(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) {
-      LIN_EX_MSG& m = recs[size_t(i)];
-      m = LIN_EX_MSG{};
-      m.Timestamp = 1;
-      m.MsgType = LIN_EX_MSG_TYPE_MW;
-      m.PID = frames[i].ID;
-      m.DataLen = frames[i].DataLen;
-      std::copy_n(frames[i].Data, sizeof m.Data, m.Data);
-      m.CheckType = (frames[i].ID & 0x3F) <= kLastEnhancedWriteId ? LIN_EX_CHECK_EXT
-                                                                  : LIN_EX_CHECK_STD;
-    }
+    std::vector<LIN_EX_MSG> recs = as_master_records(frames, count, LIN_EX_MSG_TYPE_MW,
+                                                     kLastEnhancedWriteId);
     std::vector<LIN_EX_MSG> got(recs.size());
     int n = master_sync(handle, channel, recs, got.data());
     if (n < 0) return n;
@@ -116,16 +126,8 @@ int legacy_read(int handle, uint8_t channel, LIN_MSG* frames, int count) {
   if (slot < 0 || frames == nullptr || count < 1 || count > kMaxOldFrames)
     return LIN_EX_ERR_PARAMETER;
   if (new_api(slot)) {
-    std::vector<LIN_EX_MSG> recs(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) {
-      LIN_EX_MSG& m = recs[size_t(i)];
-      m = LIN_EX_MSG{};
-      m.Timestamp = 1;
-      m.MsgType = LIN_EX_MSG_TYPE_MR;
-      m.PID = frames[i].ID;
-      m.CheckType = (frames[i].ID & 0x3F) <= kLastEnhancedReadId ? LIN_EX_CHECK_EXT
-                                                                 : LIN_EX_CHECK_STD;
-    }
+    std::vector<LIN_EX_MSG> recs = as_master_records(frames, count, LIN_EX_MSG_TYPE_MR,
+                                                     kLastEnhancedReadId);
     std::vector<LIN_EX_MSG> got(recs.size());
     int n = master_sync(handle, channel, recs, got.data());
     if (n < 0) return n;
