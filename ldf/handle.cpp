@@ -1,32 +1,29 @@
-// Opening and releasing a handle, and the queries about frames, schedules and nodes.
+// Parsing a file into a handle, releasing it, and the queries about frames, schedules
+// and nodes.
 #include <new>
 
 #include "device/abi.hpp"
 #include "ldf/decode.hpp"
+#include "ldf/handle.hpp"
 #include "ldf/lookup.hpp"
 #include "ldf/storage.hpp"
 
 using veltrix::guarded;
 namespace ldf = veltrix::ldf;
 
-extern "C" VELTRIX_API LDF_CODING* LDF_ParserFile(int DevHandle, unsigned char LINIndex,
-                                                  unsigned char isMaster, const char* path) {
-  return guarded<LDF_CODING*>(nullptr, [&]() -> LDF_CODING* {
-    if (!path) return nullptr;
-    auto* h = new LDF_CODING{};
-    if (ldf::decode(DevHandle, path, h, true) != 0) {
-      delete h;  // a failed decode registers nothing
-      return nullptr;
-    }
-    h->DevHandle = DevHandle;
-    h->LINIndex = LINIndex;
-    h->MasterMode = isMaster ? 1 : 0;
-    // Not yet done: initialising the LIN channel (LIN_EX_Init with LINSpeed and the
-    // master flag; Initialized = 1 on success, the handle released and NULL otherwise).
-    // It comes with the LIN channel family, together with the bus operations in
-    // ldf/bus.cpp.
-    return h;
-  });
+LDF_CODING* ldf::parse_handle(int dev, unsigned char lin_index, unsigned char is_master,
+                              const char* path) {
+  if (!path) return nullptr;
+  auto* h = new (std::nothrow) LDF_CODING{};
+  if (!h) return nullptr;
+  if (ldf::decode(dev, path, h, true) != 0) {
+    delete h;  // a failed decode registers nothing
+    return nullptr;
+  }
+  h->DevHandle = dev;
+  h->LINIndex = lin_index;
+  h->MasterMode = is_master ? 1 : 0;
+  return h;
 }
 
 extern "C" VELTRIX_API int LDF_Release(LDF_CODING* pLDF) {

@@ -1,9 +1,18 @@
 // veltrix ldf show FILE: what an LDF file describes (header, nodes, frames with their
 // signals, schedule tables, node attributes), as the library reads it.
+// veltrix ldf run SERIAL CHANNEL FILE SCHEDULE: the adapter plays the master node of the
+// file on CHANNEL and runs the schedule table once; prints every frame exchanged and the
+// signal values of the schedule's frames afterwards. SERIAL is hexadecimal.
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "veltrix/ldf.h"
+#include "veltrix/lin.h"
+#include "veltrix/usb_device.h"
 
 namespace {
 
@@ -12,7 +21,9 @@ namespace {
 constexpr int kNoAdapter = int(0xFF000000u);
 
 int usage() {
-  std::fprintf(stderr, "usage: veltrix ldf show FILE\n");
+  std::fprintf(stderr,
+               "usage: veltrix ldf show FILE\n"
+               "       veltrix ldf run SERIAL CHANNEL FILE SCHEDULE\n");
   return 2;
 }
 
@@ -105,8 +116,9 @@ void show_node_attributes(const LDF_CODING* h) {
 }
 
 int show(const char* path) {
-  LDF_CODING* h = LDF_ParserFile(kNoAdapter, 0, 1, path);
-  if (!h) {
+  LDF_CODING record{};
+  LDF_CODING* h = &record;
+  if (LDF_Decode(kNoAdapter, path, h) != 0) {
     std::fprintf(stderr, "veltrix ldf: cannot read %s as an LDF file\n", path);
     return 1;
   }
@@ -121,9 +133,109 @@ int show(const char* path) {
   return 0;
 }
 
+bool parse_number(const char* s, int base, unsigned long max, unsigned long* out) {
+  char* end = nullptr;
+  errno = 0;
+  unsigned long v = std::strtoul(s, &end, base);
+  if (errno != 0 || end == s || *end != '\0' || v > max) return false;
+  *out = v;
+  return true;
+}
+
+// The name of the first frame with that protected identifier's low 6 bits, or "?".
+const char* frame_name_of(const LDF_CODING* h, unsigned char pid) {
+  for (int i = 0; i < h->FrameNum; ++i)
+    if ((h->Frames[i].ID & 0x3F) == (pid & 0x3F)) return h->Frames[i].Name;
+  return "?";
+}
+
+void print_exchanged(const LDF_CODING* h, LDF_CODING* driven) {
+  std::vector<LIN_EX_MSG> msgs(LIN_EX_MAX_SCH_MSGS);
+  int n = 0;
+  while ((n = LDF_GetRawMsg(driven, msgs.data(), int(msgs.size()))) > 0) {
+    for (int i = 0; i < n; ++i) {
+      const LIN_EX_MSG& m = msgs[size_t(i)];
+      std::printf("  %-24s %02X#", frame_name_of(h, m.PID), unsigned(m.PID) & 0x3Fu);
+      for (int b = 0; b < m.DataLen && b < 8; ++b) std::printf("%02X", m.Data[b]);
+      if (m.DataLen == 0) std::printf("  (no response)");
+      std::printf("\n");
+    }
+  }
+}
+
+// Longest logical text or unit of a signal's encoding: LDF_GetSignalValueStr writes at
+// most that plus 340 characters.
+size_t longest_text(const LDF_LIN_SIGNAL& sig) {
+  size_t n = 0;
+  const LDF_SIGNAL_CODING& c = sig.SignalCoding;
+  for (int k = 0; k < c.LogicalNum; ++k)
+    if (c.LogicalValues[k].Text) n = std::max(n, std::strlen(c.LogicalValues[k].Text));
+  for (int k = 0; k < c.PhysicalNum; ++k)
+    if (c.PhysicalValues[k].Unit) n = std::max(n, std::strlen(c.PhysicalValues[k].Unit));
+  return n;
+}
+
+void print_signals(const LDF_CODING* h, const char* schedule) {
+  for (int i = 0; i < h->FrameNum; ++i) {
+    const LDF_LIN_FRAME& f = h->Frames[i];
+    bool in_schedule = false;
+    for (int s = 0; s < h->SchNum && !in_schedule; ++s) {
+      const LDF_LIN_SCH& sch = h->Schs[s];
+      if (!sch.Name || std::strcmp(sch.Name, schedule) != 0) continue;
+      for (int e = 0; e < sch.FrameNum && !in_schedule; ++e)
+        in_schedule = sch.Frames[e].Frame.Name && std::strcmp(sch.Frames[e].Frame.Name, f.Name) == 0;
+      break;  // the first table of that name is the one that ran
+    }
+    if (!in_schedule) continue;
+    std::printf("  %s\n", f.Name);
+    for (int k = 0; k < f.SignalNum; ++k) {
+      const LDF_LIN_SIGNAL& sig = f.Signals[k];
+      std::vector<char> text(longest_text(sig) + 341);
+      if (LDF_GetSignalValueStr(h, f.Name, sig.Name, text.data()) == 0)
+        std::printf("    %-28s %s\n", sig.Name, text.data());
+    }
+  }
+}
+
+int run(int argc, char** argv) {
+  unsigned long serial, ch;
+  if (argc != 6 || !parse_number(argv[2], 16, 0xFFFFFFFFul, &serial) ||
+      !parse_number(argv[3], 10, LIN_EX_MAX_CHANNELS - 1, &ch))
+    return usage();
+  const int dev = int(unsigned(serial));
+  if (USB_ScanDevice(nullptr) <= 0 || USB_OpenDevice(unsigned(serial)) != 1) {
+    std::fprintf(stderr, "veltrix ldf: adapter %08lX not found or cannot be opened\n", serial);
+    return 1;
+  }
+  int rc = 1;
+  LDF_CODING* h = LDF_ParserFile(dev, static_cast<unsigned char>(ch), 1, argv[4]);
+  if (!h) {
+    std::fprintf(stderr, "veltrix ldf: cannot read %s or set up LIN channel %lu\n", argv[4], ch);
+  } else if (LDF_GetSchFrameQuantity(h, argv[5]) < 0) {
+    std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s\n", argv[4], argv[5]);
+  } else {
+    std::printf("schedule %s on channel %lu at %d bit/s, %d entries\n", argv[5], ch,
+                h->LINSpeed, LDF_GetSchFrameQuantity(h, argv[5]));
+    const int r = LDF_ExeSchToBus(h, argv[5], 1);
+    std::printf("frames on the bus:\n");
+    print_exchanged(h, h);
+    if (r != 0) {
+      std::fprintf(stderr, "veltrix ldf: the schedule stopped with %d\n", r);
+    } else {
+      std::printf("signals afterwards:\n");
+      print_signals(h, argv[5]);
+      rc = 0;
+    }
+  }
+  if (h) LDF_Release(h);
+  USB_CloseDevice(unsigned(serial));
+  return rc;
+}
+
 }  // namespace
 
 int cmd_ldf(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "show") == 0) return show(argv[2]);
+  if (argc >= 2 && std::strcmp(argv[1], "run") == 0) return run(argc, argv);
   return usage();
 }

@@ -25,6 +25,7 @@
 #include <stddef.h>
 
 #include "veltrix/api.h"
+#include "veltrix/lin.h"
 
 VELTRIX_EXTERN_C_BEGIN
 
@@ -293,10 +294,11 @@ VELTRIX_API int LDF_DataRawToFrame(LDF_LIN_FRAME* frame, const unsigned char* da
 
 /* ---- Handle ----------------------------------------------------------------------- */
 
-/* Parses the file for the adapter and LIN channel and returns a new handle, or NULL when
- * the file cannot be read or parsed, the device is not registered or memory runs out.
- * MasterMode becomes (isMaster != 0). Initialized stays 0: queries and value functions
- * work at once; bus operations need the channel initialised. */
+/* Parses the file for the adapter and LIN channel, then sets the channel up with
+ * LIN_EX_Init at the file's LIN_speed, isMaster passed as the mode byte (1: the adapter
+ * is the master node, 0: it plays the slave nodes). Returns a new handle with
+ * Initialized = 1 and MasterMode = (isMaster != 0), or NULL when the file cannot be read
+ * or parsed, the device is not registered, memory runs out or LIN_EX_Init fails. */
 VELTRIX_API LDF_CODING* LDF_ParserFile(int DevHandle, unsigned char LINIndex,
                                        unsigned char isMaster, const char* path);
 
@@ -347,6 +349,51 @@ VELTRIX_API int LDF_SetFrameRawValue(LDF_CODING* pLDF, const char* pFrameName,
                                      const unsigned char* pRawData);
 VELTRIX_API int LDF_GetFrameRawValue(const LDF_CODING* pLDF, const char* pFrameName,
                                      unsigned char* pRawData);
+
+/* ---- Bus ------------------------------------------------------------------------ */
+
+/* Every frame these functions exchange with the adapter is also appended to the LIN
+ * message buffer of the handle's device and channel (see lin_uds.h), where LDF_GetRawMsg
+ * reads it back. FillBitValue: bits of a frame that no signal covers are ones when
+ * non-zero (the LIN convention, pass 1), zeros when 0. The checksum is enhanced for
+ * protocol 2.x and J2602 files and identifiers below 0x3C, classic otherwise.
+ *
+ * Results: 0; -3 the handle's channel is not initialised, or packing refused; -4 null
+ * handle; -5 no frame / schedule of that name (or a NULL name); otherwise the result of
+ * the LIN_EX_ call, passed through: LIN_EX_MasterSync's 0 when no record came back or its
+ * negative code, and LIN_EX_SlaveSetIDMode's or LIN_EX_MasterStartSch's code. */
+
+/* One frame now.
+ * Master mode: a frame the master publishes is written (one LIN_EX_MasterSync); any other
+ *   frame is read and the response unpacked into its signals (-7 when the response has
+ *   no data).
+ * Slave mode: a frame the master publishes takes in what the slave channel captured
+ *   (LIN_EX_SlaveGetData): every captured record with data is unpacked into each frame
+ *   whose identifier matches it; the result is 0 even when the fetch fails. Any other
+ *   frame is loaded as the slave's response (LIN_EX_SlaveSetIDMode, one record). */
+VELTRIX_API int LDF_ExeFrameToBus(LDF_CODING* pLDF, const char* pFrameName,
+                                  unsigned char FillBitValue);
+
+/* A schedule table run once from the host, entry by entry as LDF_ExeFrameToBus, skipping
+ * entries that name no frame. In master mode the host waits each entry's delay (whole
+ * ms) after its exchange, a read without response data is no error, and the first
+ * exchange that does not bring back one record ends the run with that result (0 for
+ * none). In slave mode there are no waits and the first non-zero result ends the run. */
+VELTRIX_API int LDF_ExeSchToBus(LDF_CODING* pLDF, const char* pSchName,
+                                unsigned char FillBitValue);
+
+/* A schedule table loaded into the adapter. Master mode: one record per entry whose frame
+ * exists (a read for slave-published frames, a write packed now for the master's), with
+ * the entry's delay in whole ms as the slot, passed to LIN_EX_MasterStartSch (which keeps
+ * at most LIN_EX_MAX_SCH_MSGS); 0 without sending anything when no entry names a frame.
+ * Slave mode: the entries are handled at once as by LDF_ExeFrameToBus. */
+VELTRIX_API int LDF_SetSchToTable(LDF_CODING* pLDF, const char* pSchName,
+                                  unsigned char FillBitValue);
+
+/* Takes up to BufferSize records, oldest first, out of the message buffer of the handle's
+ * device and channel (LIN_UDS_GetMsgFromUDSBuffer). Returns their number, -4 for a null
+ * handle, or LIN_UDS_GetMsgFromUDSBuffer's error (NULL pLINMsg, unknown device). */
+VELTRIX_API int LDF_GetRawMsg(LDF_CODING* pLDF, LIN_EX_MSG* pLINMsg, int BufferSize);
 
 VELTRIX_EXTERN_C_END
 

@@ -1,4 +1,4 @@
-// Every sample file parsed through LDF_ParserFile, checked against what the file says.
+// Every sample file parsed into a handle, checked against what the file says.
 #include <cstring>
 #include <string>
 #include <vector>

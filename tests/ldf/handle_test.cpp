@@ -25,23 +25,25 @@ Schedule_tables { T { D delay 1 ms; } T { D delay 1 ms; P delay 2 ms; } }
 
 }  // namespace
 
-TEST_F(LdfHandle, ParserFileStoresDeviceChannelAndMode) {
+TEST_F(LdfHandle, ParseStoresDeviceChannelAndMode) {
   ASSERT_NE(h.h, nullptr);
   EXPECT_EQ(h->DevHandle, kDevice);
   EXPECT_EQ(h->LINIndex, 0);
   EXPECT_EQ(h->MasterMode, 1);
-  EXPECT_EQ(h->Initialized, 0);  // no LIN channel yet
-  LDF_CODING* slave = LDF_ParserFile(kDevice, 3, 7, corpus("j2602_1.ldf").c_str());
+  EXPECT_EQ(h->Initialized, 0);  // no LIN channel set up
+  LDF_CODING* slave = veltrix::ldf::parse_handle(kDevice, 3, 7, corpus("j2602_1.ldf").c_str());
   ASSERT_NE(slave, nullptr);
   EXPECT_EQ(slave->LINIndex, 3);
   EXPECT_EQ(slave->MasterMode, 1);  // any non-zero flag
   EXPECT_EQ(LDF_Release(slave), 0);
-  LDF_CODING* s0 = LDF_ParserFile(kDevice, 1, 0, corpus("j2602_1.ldf").c_str());
+  LDF_CODING* s0 = veltrix::ldf::parse_handle(kDevice, 1, 0, corpus("j2602_1.ldf").c_str());
   ASSERT_NE(s0, nullptr);
   EXPECT_EQ(s0->MasterMode, 0);
   EXPECT_EQ(LDF_Release(s0), 0);
   EXPECT_EQ(LDF_Release(s0), -4);  // not a live handle any more
   EXPECT_EQ(LDF_Release(nullptr), -4);
+  // Without an adapter behind the device the channel set-up fails: no handle.
+  EXPECT_EQ(LDF_ParserFile(kDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
 }
 
 TEST_F(LdfHandle, HeaderAndCounts) {

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <vector>
 
+#include "ldf/handle.hpp"
 #include "veltrix/ldf.h"
 
 namespace ldftest {
@@ -46,11 +47,12 @@ inline std::string write_temp(const std::string& text) {
   return path.string();
 }
 
-// Owns a handle and releases it at scope end.
+// Owns a handle parsed without setting up a LIN channel (no adapter here) and releases
+// it at scope end.
 struct Handle {
   LDF_CODING* h = nullptr;
   explicit Handle(const std::string& path, unsigned char master = 1)
-      : h(LDF_ParserFile(kDevice, 0, master, path.c_str())) {}
+      : h(veltrix::ldf::parse_handle(kDevice, 0, master, path.c_str())) {}
   ~Handle() {
     if (h) LDF_Release(h);
   }

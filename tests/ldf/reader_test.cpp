@@ -200,9 +200,8 @@ TEST(LdfReader, SectionOfSixtyFourKibIsReadOneByteMoreIsRefused) {
   EXPECT_EQ(LDF_Decode(kDevice, write_temp(signals_section(LDF_MAX_SECTION_BYTES + 1)).c_str(), &c),
             -5);
   EXPECT_EQ(c.FrameNum, 0);
-  EXPECT_EQ(
-      LDF_ParserFile(kDevice, 0, 1, write_temp(signals_section(LDF_MAX_SECTION_BYTES + 1)).c_str()),
-      nullptr);
+  const std::string big = write_temp(signals_section(LDF_MAX_SECTION_BYTES + 1));
+  EXPECT_EQ(veltrix::ldf::parse_handle(kDevice, 0, 1, big.c_str()), nullptr);
 }
 
 TEST(LdfReader, MissingFileAndUnknownDevice) {
@@ -212,8 +211,8 @@ TEST(LdfReader, MissingFileAndUnknownDevice) {
   EXPECT_EQ(LDF_Decode(kDevice, nullptr, &c), -4);
   EXPECT_EQ(LDF_Decode(kDevice, corpus("j2602_1.ldf").c_str(), nullptr), -4);
   EXPECT_EQ(LDF_Decode(kDevice, "/", &c), -1);  // a directory cannot be read
-  EXPECT_EQ(LDF_ParserFile(kUnknownDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
-  EXPECT_EQ(LDF_ParserFile(kDevice, 0, 1, nullptr), nullptr);
+  EXPECT_EQ(veltrix::ldf::parse_handle(kUnknownDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
+  EXPECT_EQ(veltrix::ldf::parse_handle(kDevice, 0, 1, nullptr), nullptr);
 }
 
 TEST(LdfReader, DecodeIntoCallerRecordAndRelease) {
@@ -263,7 +262,7 @@ TEST(LdfReader, ConcurrentLoadsDoNotMixFiles) {
   std::atomic<int> wrong{0};
   auto run = [&](const std::string& path, int frames, const char* first) {
     for (int i = 0; i < 40; ++i) {
-      LDF_CODING* h = LDF_ParserFile(kDevice, 0, 1, path.c_str());
+      LDF_CODING* h = veltrix::ldf::parse_handle(kDevice, 0, 1, path.c_str());
       if (!h || h->FrameNum != frames || std::strcmp(h->Frames[0].Name, first) != 0) ++wrong;
       if (h) LDF_Release(h);
     }

@@ -4,6 +4,13 @@
 
 namespace veltrix::test {
 
+void SimTest::SetUp() {
+  static int cases_in_this_process = 0;
+  if (++cases_in_this_process > 1)
+    GTEST_FAIL() << "virtual-adapter tests run one case per process; use --gtest_filter "
+                    "(CTest does this)";
+}
+
 std::shared_ptr<sim::Model> SimTest::plug(uint32_t serial, const std::string& port,
                                           sim::Speed speed) {
   sim::Identity id;

@@ -19,6 +19,10 @@ using Bytes = std::vector<uint8_t>;
 
 class SimTest : public ::testing::Test {
  protected:
+  // The testbed and the library's state live as long as the process: one test case per
+  // process (CTest runs them so). A second case in the same process is refused clearly.
+  void SetUp() override;
+
   sim::Testbed& bed() { return sim::Testbed::instance(); }
 
   // Plugs in an adapter; the port path may be empty (next free root port).
