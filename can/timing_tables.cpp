@@ -94,39 +94,9 @@ const CAN_TIMING_ENTRY CAN_BRT_MIRADEL_NBT[17] = {
     {0, 0, 0, 0, 0},
 };
 
-// The compatibility layer's copies. Its 42 MHz copy has its own 800000 and 600000 rows.
-const CAN_TIMING_ENTRY CAN_BaudRate_VELTRIX[30] = {
-    {2, 14, 5, 5, 1000000},
-    {1, 2, 1, 28, 900000},
-    {1, 3, 1, 25, 800000},
-    {2, 7, 2, 15, 666000},
-    {1, 4, 1, 28, 600000},
-    {2, 14, 5, 10, 500000},
-    {1, 8, 1, 25, 400000},
-    {1, 7, 1, 37, 300000},
-    {2, 14, 5, 20, 250000},
-    {1, 3, 1, 89, 225000},
-    {1, 14, 5, 25, 200000},
-    {1, 6, 1, 78, 160000},
-    {1, 16, 6, 29, 150000},
-    {1, 6, 1, 87, 144000},
-    {2, 14, 5, 40, 125000},
-    {1, 6, 1, 104, 120000},
-    {2, 14, 5, 50, 100000},
-    {1, 6, 1, 63, 90000},
-    {1, 6, 1, 150, 83000},
-    {1, 1, 3, 278, 80000},
-    {1, 6, 1, 167, 75000},
-    {1, 6, 1, 208, 60000},
-    {1, 6, 1, 250, 50000},
-    {1, 6, 1, 312, 40000},
-    {1, 6, 1, 375, 33000},
-    {1, 6, 1, 417, 30000},
-    {1, 6, 1, 625, 20000},
-    {1, 13, 2, 625, 10000},
-    {1, 16, 3, 1000, 5000},
-    {0, 0, 0, 0, 0},
-};
+// The compatibility layer's tables. Two are the same objects as the tables above under
+// their second names; the 42 MHz one is a real copy with its own 800000 and 600000 rows.
+extern const CAN_TIMING_ENTRY CAN_BaudRate_VELTRIX[30] __attribute__((alias("CAN_BRT_VELTRIX")));
 
 const CAN_TIMING_ENTRY CAN_BaudRate_KORVANE[30] = {
     {2, 15, 5, 2, 1000000},
@@ -161,25 +131,7 @@ const CAN_TIMING_ENTRY CAN_BaudRate_KORVANE[30] = {
     {0, 0, 0, 0, 0},
 };
 
-const CAN_TIMING_ENTRY CAN_BaudRate_MIRADEL_NBT[17] = {
-    {2, 29, 10, 1, 1000000},
-    {2, 37, 12, 1, 800000},
-    {2, 44, 15, 1, 666000},
-    {2, 59, 20, 1, 500000},
-    {2, 74, 25, 1, 400000},
-    {2, 99, 33, 1, 300000},
-    {2, 119, 40, 1, 250000},
-    {2, 149, 50, 1, 200000},
-    {2, 199, 67, 1, 150000},
-    {2, 119, 40, 2, 125000},
-    {2, 74, 25, 4, 100000},
-    {2, 119, 40, 3, 83000},
-    {2, 149, 50, 4, 50000},
-    {2, 149, 50, 6, 33000},
-    {2, 248, 84, 6, 20000},
-    {2, 183, 66, 16, 10000},
-    {0, 0, 0, 0, 0},
-};
+extern const CAN_TIMING_ENTRY CAN_BaudRate_MIRADEL_NBT[17] __attribute__((alias("CAN_BRT_MIRADEL_NBT")));
 
 // Rate in kbit/s and the two timing-register bytes of the older 16 MHz controllers.
 const CAN_BTR_ENTRY CAN_BaudRate_BTR[16] = {
