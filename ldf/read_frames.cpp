@@ -76,18 +76,10 @@ int LDF_GetScheduleTables(const LoadState& st, Storage& mem,
                           const std::vector<LDF_LIN_FRAME>& frames, std::vector<LDF_LIN_SCH>& out) {
   if (!device_registered()) return -3;
   std::string_view body = strip_braces(st.section(Section::ScheduleTables));
-  size_t pos = 0;
-  // Tables are cut by brace matching, not at every '}': command entries such as
-  // AssignNAD{LSM}delay15ms carry braces of their own.
-  while (pos < body.size()) {
-    size_t open = body.find('{', pos);
-    if (open == std::string_view::npos) break;
-    std::string_view name = body.substr(pos, open - pos);
-    std::string_view block = braced_block(body, open);
-    pos = open + block.size();
-    if (name.empty()) continue;
+  // Command entries such as AssignNAD{LSM}delay15ms carry braces of their own.
+  for_each_named_block(body, [&](std::string_view name, std::string_view inner) {
     std::vector<LDF_LIN_SCH_FRAME> entries;
-    for (std::string_view entry : split(strip_braces(block), ';')) {
+    for (std::string_view entry : split(inner, ';')) {
       if (entry.size() <= 8) continue;
       size_t delay = entry.find("delay");
       if (delay == std::string_view::npos) continue;  // no slot time: malformed
@@ -108,7 +100,7 @@ int LDF_GetScheduleTables(const LoadState& st, Storage& mem,
     sch.FrameNum = static_cast<int>(entries.size());
     sch.Frames = mem.array(entries);
     out.push_back(sch);
-  }
+  });
   return static_cast<int>(out.size());
 }
 

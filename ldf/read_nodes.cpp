@@ -97,17 +97,11 @@ int LDF_GetNodes(const LoadState& st, Storage& mem, LDF_LIN_NODE** out) {
 int LDF_GetNodeAttributes(const LoadState& st, Storage& mem, std::vector<LDF_NODE_ATTR>& out) {
   if (!device_registered()) return -3;
   std::string_view body = strip_braces(st.section(Section::NodeAttributes));
-  size_t pos = 0;
-  while (pos < body.size()) {
-    size_t open = body.find('{', pos);
-    if (open == std::string_view::npos) break;
-    std::string_view name = body.substr(pos, open - pos);
-    // The node's body is cut where its name stands, not at the first "name{" of the
-    // section, so a node name that ends another one (SM, RSM) still finds its own body.
-    std::string_view block = braced_block(body, open);
-    pos = open + block.size();
-    if (!name.empty()) out.push_back(read_node(name, strip_braces(block), mem));
-  }
+  // Each node's body is cut where its name stands, not at the first "name{" of the
+  // section, so a node name that ends another one (SM, RSM) still finds its own body.
+  for_each_named_block(body, [&](std::string_view name, std::string_view inner) {
+    out.push_back(read_node(name, inner, mem));
+  });
   return static_cast<int>(out.size());
 }
 

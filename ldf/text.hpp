@@ -19,6 +19,22 @@ std::string_view braced_block(std::string_view s, size_t open);
 // s without one leading '{' and one trailing '}'.
 std::string_view strip_braces(std::string_view s);
 
+// Walks a section body of "name{...}name{...}" entries, calling fn(name, inner) for each
+// entry with a non-empty name (inner without its outer braces). Blocks are cut by brace
+// matching, so entries whose bodies hold braces of their own stay whole.
+template <typename Fn>
+void for_each_named_block(std::string_view body, Fn&& fn) {
+  size_t pos = 0;
+  while (pos < body.size()) {
+    const size_t open = body.find('{', pos);
+    if (open == std::string_view::npos) return;
+    const std::string_view name = body.substr(pos, open - pos);
+    const std::string_view block = braced_block(body, open);
+    pos = open + block.size();
+    if (!name.empty()) fn(name, strip_braces(block));
+  }
+}
+
 // s without one leading and one trailing double quote.
 std::string_view unquote(std::string_view s);
 
