@@ -146,20 +146,16 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int CAN_GetCANSpeedArg(unsigned int h, CAN_CHANNEL_CONFIG* c, int bit_rate) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::speed_arg(h, c, bit_rate); });
-}
+VELTRIX_EXPORT(int, CAN_GetCANSpeedArg, (unsigned int h, CAN_CHANNEL_CONFIG* c, int bit_rate),
+               CAN_ERR_USB_READ_FAIL, { return can::speed_arg(h, c, bit_rate); })
 
-VELTRIX_API int CAN_Init(unsigned int h, unsigned char port, CAN_CHANNEL_CONFIG* c) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::init(h, port, c); });
-}
+VELTRIX_EXPORT(int, CAN_Init, (unsigned int h, unsigned char port, CAN_CHANNEL_CONFIG* c),
+               CAN_ERR_USB_READ_FAIL, { return can::init(h, port, c); })
 
-VELTRIX_API int CAN_Filter_Init(unsigned int h, unsigned char port, CAN_FILTER_RULE* f) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::filter(h, port, f); });
-}
+VELTRIX_EXPORT(int, CAN_Filter_Init, (unsigned int h, unsigned char port, CAN_FILTER_RULE* f),
+               CAN_ERR_USB_READ_FAIL, { return can::filter(h, port, f); })
 
-VELTRIX_API int CAN_GetStatus(unsigned int h, unsigned char port, CAN_BUS_STATUS* s) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::status(h, port, s); });
-}
+VELTRIX_EXPORT(int, CAN_GetStatus, (unsigned int h, unsigned char port, CAN_BUS_STATUS* s),
+               CAN_ERR_USB_READ_FAIL, { return can::status(h, port, s); })
 
 }  // extern "C"

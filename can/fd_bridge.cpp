@@ -126,41 +126,37 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API void CAN2CANFD(const CAN_MSG* src, CANFD_MSG* dst, int n) {
-  guarded(0, [&] {
-    if (src == nullptr || dst == nullptr) return 0;
-    for (int i = 0; i < n; ++i) {
-      const CAN_MSG& c = src[i];
-      CANFD_MSG& d = dst[i];
-      std::memset(&d, 0, sizeof d);
-      d.ID = (c.ID & 0x1FFFFFFFu) | (c.ExtFlag & 1 ? CANFD_MSG_FLAG_IDE : 0);
-      d.DLC = c.DataLen;
-      std::memcpy(d.Data, c.Data, std::min<size_t>(c.DataLen, sizeof c.Data));
-      uint64_t t = ((uint64_t(c.TimeStampHigh) << 32 | c.TimeStamp) * 10) & can::kTimeMask;
-      d.TimeStamp = uint32_t(t);
-      d.TimeStampHigh = uint8_t(t >> 32);
-    }
-    return 0;
-  });
-}
+VELTRIX_EXPORT_VOID(CAN2CANFD, (const CAN_MSG* src, CANFD_MSG* dst, int n), {
+  if (src == nullptr || dst == nullptr) return;
+  for (int i = 0; i < n; ++i) {
+    const CAN_MSG& c = src[i];
+    CANFD_MSG& d = dst[i];
+    std::memset(&d, 0, sizeof d);
+    d.ID = (c.ID & 0x1FFFFFFFu) | (c.ExtFlag & 1 ? CANFD_MSG_FLAG_IDE : 0);
+    d.DLC = c.DataLen;
+    std::memcpy(d.Data, c.Data, std::min<size_t>(c.DataLen, sizeof c.Data));
+    uint64_t t = ((uint64_t(c.TimeStampHigh) << 32 | c.TimeStamp) * 10) & can::kTimeMask;
+    d.TimeStamp = uint32_t(t);
+    d.TimeStampHigh = uint8_t(t >> 32);
+  }
+  return;
+})
 
-VELTRIX_API void CANFD2CAN(const CANFD_MSG* src, CAN_MSG* dst, int n) {
-  guarded(0, [&] {
-    if (src == nullptr || dst == nullptr) return 0;
-    for (int i = 0; i < n; ++i) {
-      const CANFD_MSG& c = src[i];
-      CAN_MSG& d = dst[i];
-      std::memset(&d, 0, sizeof d);
-      d.ID = c.ID & 0x1FFFFFFFu;
-      d.ExtFlag = (c.ID & CANFD_MSG_FLAG_IDE) ? 1 : 0;
-      d.DataLen = std::min<uint8_t>(c.DLC, sizeof d.Data);
-      std::memcpy(d.Data, c.Data, d.DataLen);
-      uint64_t t = (uint64_t(c.TimeStampHigh) << 32 | c.TimeStamp) / 10;
-      d.TimeStamp = uint32_t(t);
-      d.TimeStampHigh = uint8_t(t >> 32);
-    }
-    return 0;
-  });
-}
+VELTRIX_EXPORT_VOID(CANFD2CAN, (const CANFD_MSG* src, CAN_MSG* dst, int n), {
+  if (src == nullptr || dst == nullptr) return;
+  for (int i = 0; i < n; ++i) {
+    const CANFD_MSG& c = src[i];
+    CAN_MSG& d = dst[i];
+    std::memset(&d, 0, sizeof d);
+    d.ID = c.ID & 0x1FFFFFFFu;
+    d.ExtFlag = (c.ID & CANFD_MSG_FLAG_IDE) ? 1 : 0;
+    d.DataLen = std::min<uint8_t>(c.DLC, sizeof d.Data);
+    std::memcpy(d.Data, c.Data, d.DataLen);
+    uint64_t t = (uint64_t(c.TimeStampHigh) << 32 | c.TimeStamp) / 10;
+    d.TimeStamp = uint32_t(t);
+    d.TimeStampHigh = uint8_t(t >> 32);
+  }
+  return;
+})
 
 }  // extern "C"

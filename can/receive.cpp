@@ -187,16 +187,15 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int CAN_ReadMsg(unsigned int h, unsigned char port, CAN_MSG* out) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] {
-    if (out == nullptr) return CAN_ERR_PARAMETER;
-    if (!can::slot_of(h)) return CAN_ERR_USB_WRITE_FAIL;
-    if (can::is_canfd_model(h)) return can::fd_get(h, port, out, int(can::kReadMax));
-    return can::read_frames(h, port, {out, can::kReadMax});
-  });
-}
+VELTRIX_EXPORT(int, CAN_ReadMsg, (unsigned int h, unsigned char port, CAN_MSG* out),
+               CAN_ERR_USB_READ_FAIL, {
+                 if (out == nullptr) return CAN_ERR_PARAMETER;
+                 if (!can::slot_of(h)) return CAN_ERR_USB_WRITE_FAIL;
+                 if (can::is_canfd_model(h)) return can::fd_get(h, port, out, int(can::kReadMax));
+                 return can::read_frames(h, port, {out, can::kReadMax});
+               })
 
-VELTRIX_API void CAN_QuickSort(CAN_MSG* a, int low, int high, int unused) {
+VELTRIX_EXPORT_VOID(CAN_QuickSort, (CAN_MSG * a, int low, int high, int unused), {
   (void)unused;
   if (a == nullptr || low < 0) return;
   // Pivot: the first element; a hole moves between the two scans. The smaller part is
@@ -219,65 +218,53 @@ VELTRIX_API void CAN_QuickSort(CAN_MSG* a, int low, int high, int unused) {
       high = i - 1;
     }
   }
-}
+})
 
-VELTRIX_API int CAN_ReadMsgToBuffer(unsigned int h, unsigned char port) {
-  return guarded(0, [&] {
-    if (!can::slot_of(h)) return 0;
-    return can::poll_port(h, port);
-  });
-}
+VELTRIX_EXPORT(int, CAN_ReadMsgToBuffer, (unsigned int h, unsigned char port), 0, {
+  if (!can::slot_of(h)) return 0;
+  return can::poll_port(h, port);
+})
 
-VELTRIX_API int CAN_StartGetMsg(unsigned int h, unsigned char port) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::start_get(h, port); });
-}
+VELTRIX_EXPORT(int, CAN_StartGetMsg, (unsigned int h, unsigned char port), CAN_ERR_USB_READ_FAIL,
+               { return can::start_get(h, port); })
 
-VELTRIX_API int CAN_StopGetMsg(unsigned int h, unsigned char port) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::stop_get(h, port); });
-}
+VELTRIX_EXPORT(int, CAN_StopGetMsg, (unsigned int h, unsigned char port), CAN_ERR_USB_READ_FAIL,
+               { return can::stop_get(h, port); })
 
-VELTRIX_API int CAN_GetMsg(unsigned int h, unsigned char port, CAN_MSG* out) {
-  return guarded(0, [&] {
-    if (out == nullptr) return CAN_ERR_PARAMETER;
-    if (can::is_canfd_model(h) && can::slot_of(h))
-      return can::fd_get(h, port, out, int(can::kReadMax));
-    return can::take(h, port, {out, can::kQueueCapacity}, false, false);
-  });
-}
+VELTRIX_EXPORT(int, CAN_GetMsg, (unsigned int h, unsigned char port, CAN_MSG* out), 0, {
+  if (out == nullptr) return CAN_ERR_PARAMETER;
+  if (can::is_canfd_model(h) && can::slot_of(h))
+    return can::fd_get(h, port, out, int(can::kReadMax));
+  return can::take(h, port, {out, can::kQueueCapacity}, false, false);
+})
 
-VELTRIX_API int CAN_GetMsgWithSize(unsigned int h, unsigned char port, CAN_MSG* out, int size) {
-  return guarded(0, [&] {
-    if (size < 1) return 0;
-    if (out == nullptr) return CAN_ERR_PARAMETER;
-    if (can::is_canfd_model(h) && can::slot_of(h)) return can::fd_get(h, port, out, size);
-    return can::take(h, port & 1u, {out, size_t(size)}, false, true);
-  });
-}
+VELTRIX_EXPORT(int, CAN_GetMsgWithSize,
+               (unsigned int h, unsigned char port, CAN_MSG* out, int size), 0, {
+                 if (size < 1) return 0;
+                 if (out == nullptr) return CAN_ERR_PARAMETER;
+                 if (can::is_canfd_model(h) && can::slot_of(h))
+                   return can::fd_get(h, port, out, size);
+                 return can::take(h, port & 1u, {out, size_t(size)}, false, true);
+               })
 
-VELTRIX_API int CAN_ClearMsg(unsigned int h, unsigned char port) {
-  return guarded(0, [&] { return can::clear(h, port); });
-}
+VELTRIX_EXPORT(int, CAN_ClearMsg, (unsigned int h, unsigned char port), 0,
+               { return can::clear(h, port); })
 
-VELTRIX_API int CAN_Stop(unsigned int h, unsigned char port) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::stop(h, port); });
-}
+VELTRIX_EXPORT(int, CAN_Stop, (unsigned int h, unsigned char port), CAN_ERR_USB_READ_FAIL,
+               { return can::stop(h, port); })
 
-VELTRIX_API int CAN_SetCANMsgToBuffer(unsigned int h, unsigned char port, CAN_MSG* frames,
-                                      int count) {
-  return guarded(0, [&] { return can::set_to_buffer(h, port, frames, count); });
-}
+VELTRIX_EXPORT(int, CAN_SetCANMsgToBuffer,
+               (unsigned int h, unsigned char port, CAN_MSG* frames, int count), 0,
+               { return can::set_to_buffer(h, port, frames, count); })
 
-VELTRIX_API int CAN_GetCANMsgFromUDSBuffer(unsigned int h, unsigned char port, CAN_MSG* out,
-                                           int size) {
-  return guarded(0, [&] {
-    if (size < 1) return 0;
-    if (out == nullptr) return CAN_ERR_PARAMETER;
-    return can::take(h, port, {out, size_t(size)}, true, false);
-  });
-}
+VELTRIX_EXPORT(int, CAN_GetCANMsgFromUDSBuffer,
+               (unsigned int h, unsigned char port, CAN_MSG* out, int size), 0, {
+                 if (size < 1) return 0;
+                 if (out == nullptr) return CAN_ERR_PARAMETER;
+                 return can::take(h, port, {out, size_t(size)}, true, false);
+               })
 
-VELTRIX_API int CAN_ClearCANMsgFromUDSBuffer(unsigned int h, unsigned char port) {
-  return guarded(0, [&] { return can::clear_uds(h, port); });
-}
+VELTRIX_EXPORT(int, CAN_ClearCANMsgFromUDSBuffer, (unsigned int h, unsigned char port), 0,
+               { return can::clear_uds(h, port); })
 
 }  // extern "C"

@@ -134,22 +134,19 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int CAN_SendMsg(unsigned int h, unsigned char port, CAN_MSG* frames,
-                            unsigned int count) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::send_async(h, port, frames, count); });
-}
+VELTRIX_EXPORT(int, CAN_SendMsg,
+               (unsigned int h, unsigned char port, CAN_MSG* frames, unsigned int count),
+               CAN_ERR_USB_READ_FAIL, { return can::send_async(h, port, frames, count); })
 
-VELTRIX_API int CAN_SendMsgSynch(unsigned int h, unsigned char port, CAN_MSG* frames,
-                                 unsigned int count) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] { return can::send_sync(h, port, frames, count); });
-}
+VELTRIX_EXPORT(int, CAN_SendMsgSynch,
+               (unsigned int h, unsigned char port, CAN_MSG* frames, unsigned int count),
+               CAN_ERR_USB_READ_FAIL, { return can::send_sync(h, port, frames, count); })
 
-VELTRIX_API int CAN_GetSendMsgInfo(unsigned int h, unsigned char port, CAN_TX_INFO* info) {
-  return guarded(CAN_ERR_USB_READ_FAIL, [&] {
-    if (info == nullptr) return CAN_ERR_PARAMETER;
-    if (!can::slot_of(h)) return CAN_ERR_USB_WRITE_FAIL;
-    return can::get_send_info(h, port, info);
-  });
-}
+VELTRIX_EXPORT(int, CAN_GetSendMsgInfo, (unsigned int h, unsigned char port, CAN_TX_INFO* info),
+               CAN_ERR_USB_READ_FAIL, {
+                 if (info == nullptr) return CAN_ERR_PARAMETER;
+                 if (!can::slot_of(h)) return CAN_ERR_USB_WRITE_FAIL;
+                 return can::get_send_info(h, port, info);
+               })
 
 }  // extern "C"

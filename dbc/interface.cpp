@@ -97,221 +97,204 @@ void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image) {
 using veltrix::guarded;
 using namespace veltrix::dbc;
 
-extern "C" VELTRIX_API long long DBC_ParserFile(int DevHandle, const char* pFileName) {
-  return guarded(0LL, [&]() -> long long {
-    if (usb_list_get_index(static_cast<unsigned int>(DevHandle)) < 0) return 0;
-    if (!pFileName) return 0;
-    ParseFault fault;
-    std::unique_ptr<DBC_Decoder> db = DBC_Decoder::load(pFileName, &fault);
-    if (!db) return 0;
-    return register_database(std::move(db));
-  });
-}
+VELTRIX_EXPORT(long long, DBC_ParserFile, (int DevHandle, const char* pFileName), 0LL, {
+  if (usb_list_get_index(static_cast<unsigned int>(DevHandle)) < 0) return 0;
+  if (!pFileName) return 0;
+  ParseFault fault;
+  std::unique_ptr<DBC_Decoder> db = DBC_Decoder::load(pFileName, &fault);
+  if (!db) return 0;
+  return register_database(std::move(db));
+})
 
-extern "C" VELTRIX_API int DBC_Release(long long DBCHandle) {
-  return guarded(DBC_ERR_HANDLE,
-                 [&] { return release_database(DBCHandle) ? DBC_OK : DBC_ERR_HANDLE; });
-}
+VELTRIX_EXPORT(int, DBC_Release, (long long DBCHandle), DBC_ERR_HANDLE,
+               { return release_database(DBCHandle) ? DBC_OK : DBC_ERR_HANDLE; })
 
-extern "C" VELTRIX_API int DBC_GetMsgQuantity(long long DBCHandle) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    return int(std::min<size_t>(db->messages().size(), INT_MAX));
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetMsgQuantity, (long long DBCHandle), DBC_ERR_HANDLE, {
+  DBC_Decoder* db = database_of(DBCHandle);
+  if (!db) return DBC_ERR_HANDLE;
+  return int(std::min<size_t>(db->messages().size(), INT_MAX));
+})
 
-extern "C" VELTRIX_API int DBC_GetMsgName(long long DBCHandle, int index, char* pMsgName) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName) return DBC_ERR_ARGUMENT;
-    if (index < 0 || size_t(index) >= db->messages().size()) return DBC_ERR_NOT_FOUND;
-    copy_out(db->messages()[size_t(index)].name, pMsgName);
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetMsgName, (long long DBCHandle, int index, char* pMsgName),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName) return DBC_ERR_ARGUMENT;
+                 if (index < 0 || size_t(index) >= db->messages().size()) return DBC_ERR_NOT_FOUND;
+                 copy_out(db->messages()[size_t(index)].name, pMsgName);
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_GetMsgSignalQuantity(long long DBCHandle, const char* pMsgName) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName) return DBC_ERR_ARGUMENT;
-    const uint32_t mi = db->findMessage(pMsgName);
-    if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-    return int(std::min<size_t>(db->messages()[mi].signals.size(), INT_MAX));
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetMsgSignalQuantity, (long long DBCHandle, const char* pMsgName),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName) return DBC_ERR_ARGUMENT;
+                 const uint32_t mi = db->findMessage(pMsgName);
+                 if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
+                 return int(std::min<size_t>(db->messages()[mi].signals.size(), INT_MAX));
+               })
 
-extern "C" VELTRIX_API int DBC_GetMsgSignalName(long long DBCHandle, const char* pMsgName,
-                                                unsigned int index, char* pSignalName) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName || !pSignalName) return DBC_ERR_ARGUMENT;
-    const std::string_view name(pMsgName);
-    for (const DBC_MESSAGE& m : db->messages()) {
-      if (m.name == name && m.signals.size() > index) {
-        copy_out(m.signals[index].name, pSignalName);
-        return DBC_OK;
-      }
-    }
-    return DBC_ERR_NOT_FOUND;
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetMsgSignalName,
+               (long long DBCHandle, const char* pMsgName, unsigned int index, char* pSignalName),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName || !pSignalName) return DBC_ERR_ARGUMENT;
+                 const std::string_view name(pMsgName);
+                 for (const DBC_MESSAGE& m : db->messages()) {
+                   if (m.name == name && m.signals.size() > index) {
+                     copy_out(m.signals[index].name, pSignalName);
+                     return DBC_OK;
+                   }
+                 }
+                 return DBC_ERR_NOT_FOUND;
+               })
 
-extern "C" VELTRIX_API int DBC_GetMsgPublisher(long long DBCHandle, const char* pMsgName,
-                                               char* pPublisher) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName || !pPublisher) return DBC_ERR_ARGUMENT;
-    const uint32_t mi = db->findMessage(pMsgName);
-    if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-    copy_out(db->messages()[mi].sender, pPublisher);
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetMsgPublisher,
+               (long long DBCHandle, const char* pMsgName, char* pPublisher), DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName || !pPublisher) return DBC_ERR_ARGUMENT;
+                 const uint32_t mi = db->findMessage(pMsgName);
+                 if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
+                 copy_out(db->messages()[mi].sender, pPublisher);
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_SetSignalValue(long long DBCHandle, const char* pMsgName,
-                                              const char* pSignalName, double value) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db;
-    DBC_Decoder::SignalRef ref;
-    if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK) return r;
-    DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-    DBC_Decoder::setSignalRealValue(&s, value);
-    if (s.multiplexMode == MUX_SELECTED) {
-      // Setting a multiplexed signal selects it: its message's switch takes its value.
-      const uint32_t sw = db->muxSwitch(ref.firstByName);
-      if (sw != DBC_Decoder::kNone) {
-        db->messages()[ref.firstByName].signals[sw].rawValue = s.multiplexValue;
-      }
-    }
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_SetSignalValue,
+               (long long DBCHandle, const char* pMsgName, const char* pSignalName, double value),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db;
+                 DBC_Decoder::SignalRef ref;
+                 if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
+                   return r;
+                 DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
+                 DBC_Decoder::setSignalRealValue(&s, value);
+                 if (s.multiplexMode == MUX_SELECTED) {
+                   // Setting a multiplexed signal selects it: its message's switch takes its value.
+                   const uint32_t sw = db->muxSwitch(ref.firstByName);
+                   if (sw != DBC_Decoder::kNone) {
+                     db->messages()[ref.firstByName].signals[sw].rawValue = s.multiplexValue;
+                   }
+                 }
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_GetSignalValue(long long DBCHandle, const char* pMsgName,
-                                              const char* pSignalName, double* pValue) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db;
-    DBC_Decoder::SignalRef ref;
-    if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK) return r;
-    if (!pValue) return DBC_ERR_ARGUMENT;
-    DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-    if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
-    *pValue = DBC_Decoder::getSignalRealValue(&s);
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetSignalValue,
+               (long long DBCHandle, const char* pMsgName, const char* pSignalName, double* pValue),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db;
+                 DBC_Decoder::SignalRef ref;
+                 if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
+                   return r;
+                 if (!pValue) return DBC_ERR_ARGUMENT;
+                 DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
+                 if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
+                 *pValue = DBC_Decoder::getSignalRealValue(&s);
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_GetSignalValueStr(long long DBCHandle, const char* pMsgName,
-                                                 const char* pSignalName, char* pValueStr) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db;
-    DBC_Decoder::SignalRef ref;
-    if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK) return r;
-    if (!pValueStr) return DBC_ERR_ARGUMENT;
-    DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-    if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
-    const double value = DBC_Decoder::getSignalRealValue(&s);
-    if (s.valueTable.empty()) {
-      // "%f %s": a space follows the number even when the unit is empty.
-      const int n = std::snprintf(nullptr, 0, "%f %s", value, s.unit.c_str());
-      std::snprintf(pValueStr, size_t(n) + 1, "%f %s", value, s.unit.c_str());
-      return DBC_OK;
-    }
-    const int32_t key = saturate_to_i32(value);  // truncated towards zero
-    auto it = s.valueTable.find(key);
-    if (it != s.valueTable.end()) {
-      copy_out(it->second, pValueStr);
-    } else {
-      std::snprintf(pValueStr, 12, "%d", key);  // at most "-2147483648"
-    }
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_GetSignalValueStr,
+               (long long DBCHandle, const char* pMsgName, const char* pSignalName,
+                char* pValueStr),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db;
+                 DBC_Decoder::SignalRef ref;
+                 if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
+                   return r;
+                 if (!pValueStr) return DBC_ERR_ARGUMENT;
+                 DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
+                 if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
+                 const double value = DBC_Decoder::getSignalRealValue(&s);
+                 if (s.valueTable.empty()) {
+                   // "%f %s": a space follows the number even when the unit is empty.
+                   const int n = std::snprintf(nullptr, 0, "%f %s", value, s.unit.c_str());
+                   std::snprintf(pValueStr, size_t(n) + 1, "%f %s", value, s.unit.c_str());
+                   return DBC_OK;
+                 }
+                 const int32_t key = saturate_to_i32(value);  // truncated towards zero
+                 auto it = s.valueTable.find(key);
+                 if (it != s.valueTable.end()) {
+                   copy_out(it->second, pValueStr);
+                 } else {
+                   std::snprintf(pValueStr, 12, "%d", key);  // at most "-2147483648"
+                 }
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_SyncCANMsgToValue(long long DBCHandle, const CAN_MSG* pCANMsg,
-                                                 int count) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (count < 1) return DBC_OK;
-    if (!pCANMsg) return DBC_ERR_ARGUMENT;
-    // A classic frame carries 8 bytes; a signal placed beyond them reads zeros there.
-    uint8_t image[kDataBytes] = {};
-    for (int i = 0; i < count; ++i) {
-      const CAN_MSG& f = pCANMsg[i];
-      const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
-      const uint32_t mi = db->findMessageById(key);
-      if (mi == DBC_Decoder::kNone) continue;
-      DBC_MESSAGE& m = db->messages()[mi];
-      // DataLen is not consulted, and bytes 8..63 of the image keep what they held.
-      std::memcpy(m.data, f.Data, kCanDataBytes);
-      std::memcpy(image, f.Data, kCanDataBytes);
-      decode_signals(m, image);
-    }
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_SyncCANMsgToValue, (long long DBCHandle, const CAN_MSG* pCANMsg, int count),
+               DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (count < 1) return DBC_OK;
+                 if (!pCANMsg) return DBC_ERR_ARGUMENT;
+                 // A classic frame carries 8 bytes; a signal placed beyond them reads zeros there.
+                 uint8_t image[kDataBytes] = {};
+                 for (int i = 0; i < count; ++i) {
+                   const CAN_MSG& f = pCANMsg[i];
+                   const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
+                   const uint32_t mi = db->findMessageById(key);
+                   if (mi == DBC_Decoder::kNone) continue;
+                   DBC_MESSAGE& m = db->messages()[mi];
+                   // DataLen is not consulted, and bytes 8..63 of the image keep what they held.
+                   std::memcpy(m.data, f.Data, kCanDataBytes);
+                   std::memcpy(image, f.Data, kCanDataBytes);
+                   decode_signals(m, image);
+                 }
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_SyncCANFDMsgToValue(long long DBCHandle, const CANFD_MSG* pCANFDMsg,
-                                                   int count) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (count < 1) return DBC_OK;
-    if (!pCANFDMsg) return DBC_ERR_ARGUMENT;
-    for (int i = 0; i < count; ++i) {
-      const CANFD_MSG& f = pCANFDMsg[i];
-      const uint32_t mi = db->findMessageById(f.ID);  // bit 31 already marks extended ids
-      if (mi == DBC_Decoder::kNone) continue;
-      DBC_MESSAGE& m = db->messages()[mi];
-      std::memcpy(m.data, f.Data, kDataBytes);
-      decode_signals(m, f.Data);
-    }
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_SyncCANFDMsgToValue,
+               (long long DBCHandle, const CANFD_MSG* pCANFDMsg, int count), DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (count < 1) return DBC_OK;
+                 if (!pCANFDMsg) return DBC_ERR_ARGUMENT;
+                 for (int i = 0; i < count; ++i) {
+                   const CANFD_MSG& f = pCANFDMsg[i];
+                   const uint32_t mi =
+                       db->findMessageById(f.ID);  // bit 31 already marks extended ids
+                   if (mi == DBC_Decoder::kNone) continue;
+                   DBC_MESSAGE& m = db->messages()[mi];
+                   std::memcpy(m.data, f.Data, kDataBytes);
+                   decode_signals(m, f.Data);
+                 }
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_SyncValueToCANMsg(long long DBCHandle, const char* pMsgName,
-                                                 CAN_MSG* pCANMsg) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName || !pCANMsg) return DBC_ERR_ARGUMENT;
-    const uint32_t mi = db->findMessage(pMsgName);
-    if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-    // Encoded into a full image, so a signal placed beyond byte 7 cannot spill into the
-    // rest of the record; only the first 8 bytes travel.
-    uint8_t image[kDataBytes];
-    encode_signals(*db, mi, image);
-    const DBC_MESSAGE& m = db->messages()[mi];
-    std::memcpy(pCANMsg->Data, image, kCanDataBytes);
-    pCANMsg->FrameFlags = 0;
-    pCANMsg->ID = m.id & 0x1FFFFFFFu;
-    pCANMsg->ExtFlag = uint8_t(m.id >> 31);
-    pCANMsg->DataLen = m.dlc;
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_SyncValueToCANMsg,
+               (long long DBCHandle, const char* pMsgName, CAN_MSG* pCANMsg), DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName || !pCANMsg) return DBC_ERR_ARGUMENT;
+                 const uint32_t mi = db->findMessage(pMsgName);
+                 if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
+                 // Encoded into a full image, so a signal placed beyond byte 7 cannot spill into
+                 // the rest of the record; only the first 8 bytes travel.
+                 uint8_t image[kDataBytes];
+                 encode_signals(*db, mi, image);
+                 const DBC_MESSAGE& m = db->messages()[mi];
+                 std::memcpy(pCANMsg->Data, image, kCanDataBytes);
+                 pCANMsg->FrameFlags = 0;
+                 pCANMsg->ID = m.id & 0x1FFFFFFFu;
+                 pCANMsg->ExtFlag = uint8_t(m.id >> 31);
+                 pCANMsg->DataLen = m.dlc;
+                 return DBC_OK;
+               })
 
-extern "C" VELTRIX_API int DBC_SyncValueToCANFDMsg(long long DBCHandle, const char* pMsgName,
-                                                   CANFD_MSG* pCANFDMsg) {
-  return guarded(DBC_ERR_HANDLE, [&] {
-    DBC_Decoder* db = database_of(DBCHandle);
-    if (!db) return DBC_ERR_HANDLE;
-    if (!pMsgName || !pCANFDMsg) return DBC_ERR_ARGUMENT;
-    const uint32_t mi = db->findMessage(pMsgName);
-    if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-    encode_signals(*db, mi, pCANFDMsg->Data);
-    const DBC_MESSAGE& m = db->messages()[mi];
-    pCANFDMsg->ID = m.id;
-    pCANFDMsg->DLC = m.dlc;  // the file's number as written, no length-code conversion
-    pCANFDMsg->Flags =
-        uint8_t((m.isCanFd ? kFlagCanFd : 0) | (m.bitRateSwitch ? kFlagBitRateSwitch : 0));
-    return DBC_OK;
-  });
-}
+VELTRIX_EXPORT(int, DBC_SyncValueToCANFDMsg,
+               (long long DBCHandle, const char* pMsgName, CANFD_MSG* pCANFDMsg), DBC_ERR_HANDLE, {
+                 DBC_Decoder* db = database_of(DBCHandle);
+                 if (!db) return DBC_ERR_HANDLE;
+                 if (!pMsgName || !pCANFDMsg) return DBC_ERR_ARGUMENT;
+                 const uint32_t mi = db->findMessage(pMsgName);
+                 if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
+                 encode_signals(*db, mi, pCANFDMsg->Data);
+                 const DBC_MESSAGE& m = db->messages()[mi];
+                 pCANFDMsg->ID = m.id;
+                 pCANFDMsg->DLC = m.dlc;  // the file's number as written, no length-code conversion
+                 pCANFDMsg->Flags = uint8_t((m.isCanFd ? kFlagCanFd : 0) |
+                                            (m.bitRateSwitch ? kFlagBitRateSwitch : 0));
+                 return DBC_OK;
+               })

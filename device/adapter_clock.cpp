@@ -43,16 +43,12 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int DEV_SetPowerLevel(unsigned int h, unsigned char level) {
-  return guarded(0, [&] { return set_power_level(h, level); });
-}
+VELTRIX_EXPORT(int, DEV_SetPowerLevel, (unsigned int h, unsigned char level), 0,
+               { return set_power_level(h, level); })
 
-VELTRIX_API int DEV_GetTimestamp(unsigned int h, unsigned char selector, unsigned int* out) {
-  return guarded(0, [&] { return get_timestamp(h, selector, out); });
-}
+VELTRIX_EXPORT(int, DEV_GetTimestamp, (unsigned int h, unsigned char selector, unsigned int* out),
+               0, { return get_timestamp(h, selector, out); })
 
-VELTRIX_API int DEV_ResetTimestamp(unsigned int h) {
-  return guarded(0, [&] { return reset_timestamp(h); });
-}
+VELTRIX_EXPORT(int, DEV_ResetTimestamp, (unsigned int h), 0, { return reset_timestamp(h); })
 
 }  // extern "C"

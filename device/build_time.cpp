@@ -23,9 +23,7 @@ void format_build_time(const char* date, const char* time, char* out, size_t siz
 
 }  // namespace veltrix
 
-extern "C" VELTRIX_API int DEV_GetDllBuildTime(char* out) {
-  return veltrix::guarded(1, [&] {
-    if (out != nullptr) veltrix::format_build_time(__DATE__, __TIME__, out, DEV_BUILD_TIME_SIZE);
-    return 1;
-  });
-}
+VELTRIX_EXPORT(int, DEV_GetDllBuildTime, (char* out), 1, {
+  if (out != nullptr) veltrix::format_build_time(__DATE__, __TIME__, out, DEV_BUILD_TIME_SIZE);
+  return 1;
+})

@@ -212,7 +212,7 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int get_ports_str(libusb_device* device, char* out) {
+VELTRIX_EXPORT(int, get_ports_str, (libusb_device * device, char* out), 0, {
   if (device == nullptr || out == nullptr) return 0;
   uint8_t ports[16];
   int n = libusb_get_port_numbers(device, ports, sizeof ports);
@@ -221,7 +221,8 @@ VELTRIX_API int get_ports_str(libusb_device* device, char* out) {
   // so a deeper path is cut at the last whole number that fits.
   char text[16 * 4 + 1] = {0};
   size_t len = 0;
-  for (int i = 0; i < n; ++i) len += size_t(std::snprintf(text + len, sizeof text - len, ".%u", ports[i]));
+  for (int i = 0; i < n; ++i)
+    len += size_t(std::snprintf(text + len, sizeof text - len, ".%u", ports[i]));
   const char* body = text + 1;
   size_t body_len = std::strlen(body);
   if (body_len > 15) {
@@ -231,9 +232,9 @@ VELTRIX_API int get_ports_str(libusb_device* device, char* out) {
   std::memcpy(out, body, body_len);
   out[body_len] = '\0';
   return 1;
-}
+})
 
-VELTRIX_API int get_dev_serial(usb_list* record, uint32_t* out) {
+VELTRIX_EXPORT(int, get_dev_serial, (usb_list * record, uint32_t* out), 0, {
   if (record == nullptr || record->handle == nullptr || record->device == nullptr) return 0;
   libusb_device_descriptor d{};
   if (libusb_get_device_descriptor(record->device, &d) != 0) return 0;
@@ -253,171 +254,154 @@ VELTRIX_API int get_dev_serial(usb_list* record, uint32_t* out) {
   if (got != 4) return 0;
   if (out) *out = wire::get_le32(raw);
   return 1;
-}
+})
 
-VELTRIX_API int scan_dev(uint32_t* out) {
-  return guarded(int(LIBUSB_ERROR_OTHER), [&] {
-    GlobalLock guard;
-    return scan_locked(out);
-  });
-}
+VELTRIX_EXPORT(int, scan_dev, (uint32_t * out), int(LIBUSB_ERROR_OTHER), {
+  GlobalLock guard;
+  return scan_locked(out);
+})
 
-VELTRIX_API int rescan_dev(uint32_t* out) { return scan_dev(out); }
+VELTRIX_EXPORT(int, rescan_dev, (uint32_t * out), int(LIBUSB_ERROR_OTHER),
+               { return scan_dev(out); })
 
-VELTRIX_API int USB_ScanDevice(unsigned int* out) { return scan_dev(out); }
+VELTRIX_EXPORT(int, USB_ScanDevice, (unsigned int* out), int(LIBUSB_ERROR_OTHER),
+               { return scan_dev(out); })
 
-VELTRIX_API int open_dev(uint32_t handle) {
-  return guarded(0, [&] {
-    if (!registry_ready()) return 0;
-    usb_list* r = usb_list_post(handle);
-    if (r == nullptr || r->device == nullptr) return 0;
-    AdapterLock guard(handle);
-    if (r->opened) {
-      uint32_t serial = 0;
-      if (get_dev_serial(r, &serial)) {
-        if (serial == r->serial && libusb_claim_interface(r->handle, 0) == 0) {
-          r->opened = 1;
-          return 1;
-        }
-        // Another adapter answers behind this handle: drop it. Closing it is safe and
-        // keeps the process from leaking descriptors.
-        close_handle(r);
-        r->opened = 0;
-        return 0;
+VELTRIX_EXPORT(int, open_dev, (uint32_t handle), 0, {
+  if (!registry_ready()) return 0;
+  usb_list* r = usb_list_post(handle);
+  if (r == nullptr || r->device == nullptr) return 0;
+  AdapterLock guard(handle);
+  if (r->opened) {
+    uint32_t serial = 0;
+    if (get_dev_serial(r, &serial)) {
+      if (serial == r->serial && libusb_claim_interface(r->handle, 0) == 0) {
+        r->opened = 1;
+        return 1;
       }
-      close_handle(r);
-    }
-    close_handle(r);
-    if (libusb_open(r->device, &r->handle) == 0 && r->handle != nullptr &&
-        libusb_claim_interface(r->handle, 0) == 0) {
-      r->opened = 1;
-      return 1;
-    }
-    close_handle(r);
-    r->opened = 0;
-    return 0;
-  });
-}
-
-VELTRIX_API int open_dev2(uint32_t handle) {
-  return guarded(0, [&] {
-    if (!registry_ready()) {
-      GlobalLock guard;
-      init_library();
-    }
-    usb_list* r = usb_list_post(handle);
-    if (r == nullptr || r->device == nullptr) {
-      // One scan; the handle must be among the adapters it registered.
-      if (scan_dev(nullptr) <= 0 || usb_list_post(handle) == nullptr) return 0;
-    }
-    return open_dev(handle);
-  });
-}
-
-VELTRIX_API int USB_OpenDevice(unsigned int handle) { return open_dev2(handle); }
-
-VELTRIX_API int close_dev(uint32_t handle) {
-  return guarded(0, [&] {
-    if (!registry_ready()) return 0;
-    usb_list* r = usb_list_post(handle);
-    if (r == nullptr || r->device == nullptr || r->handle == nullptr) return 0;
-    AdapterLock guard(handle);
-    libusb_release_interface(r->handle, 0);
-    close_handle(r);
-    r->opened = 0;
-    return 1;
-  });
-}
-
-VELTRIX_API int USB_CloseDevice(unsigned int handle) { return close_dev(handle); }
-
-VELTRIX_API int reset_dev(uint32_t handle) {
-  return guarded(0, [&] {
-    AdapterLock guard(handle);
-    return USBCtrlData(handle, identity::kReqTypeVendorOut, identity::kReqReset, 0, 0, nullptr,
-                       0, identity::kControlTimeoutMs) == 0
-               ? 1
-               : 0;
-  });
-}
-
-VELTRIX_API int USB_ResetDevice(unsigned int handle) { return reset_dev(handle); }
-
-VELTRIX_API int retry_connect_dev(uint32_t handle) {
-  return guarded(0, [&] {
-    RegistryState& s = registry();
-    if (!registry_ready()) return 0;
-    usb_list* r = usb_list_post(handle);
-    if (r == nullptr) return 0;
-    bool present = false;
-    {
-      std::scoped_lock g(s.devs_mutex);
-      if (s.devs == nullptr && libusb_get_device_list(s.ctx, &s.devs) < 0) s.devs = nullptr;
-      if (s.devs == nullptr) return 0;
-      for (libusb_device** d = s.devs; *d != nullptr && !present; ++d) {
-        char path[16] = {0};
-        present = is_adapter(*d) && get_ports_str(*d, path) &&
-                  std::strncmp(path, r->port_path, sizeof path) == 0;
-      }
-    }
-    if (!present || r->device == nullptr) return 0;
-    if (r->handle) {
+      // Another adapter answers behind this handle: drop it. Closing it is safe and
+      // keeps the process from leaking descriptors.
       close_handle(r);
       r->opened = 0;
-    }
-    // The record's own device object is opened, not the one found in the walk.
-    int opened = libusb_open(r->device, &r->handle);
-    if (opened == LIBUSB_ERROR_NO_DEVICE) opened = adopt_replugged(r);
-    if (opened != 0 || r->handle == nullptr) {
-      r->handle = nullptr;
       return 0;
     }
-    if (libusb_claim_interface(r->handle, 0) != 0) return 0;
+    close_handle(r);
+  }
+  close_handle(r);
+  if (libusb_open(r->device, &r->handle) == 0 && r->handle != nullptr &&
+      libusb_claim_interface(r->handle, 0) == 0) {
     r->opened = 1;
     return 1;
-  });
-}
+  }
+  close_handle(r);
+  r->opened = 0;
+  return 0;
+})
 
-VELTRIX_API int USB_RetryConnect(unsigned int handle) {
-  return guarded(0, [&] {
-    GlobalLock global;
-    AdapterLock adapter(handle);
-    return retry_connect_dev(handle);
-  });
-}
+VELTRIX_EXPORT(int, open_dev2, (uint32_t handle), 0, {
+  if (!registry_ready()) {
+    GlobalLock guard;
+    init_library();
+  }
+  usb_list* r = usb_list_post(handle);
+  if (r == nullptr || r->device == nullptr) {
+    // One scan; the handle must be among the adapters it registered.
+    if (scan_dev(nullptr) <= 0 || usb_list_post(handle) == nullptr) return 0;
+  }
+  return open_dev(handle);
+})
 
-VELTRIX_API int USB_WaitResume(unsigned int handle, int timeout_ms) {
-  return guarded(0, [&] {
-    auto start = std::chrono::system_clock::now();
-    for (;;) {
-      if (USB_RetryConnect(handle)) return 1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      auto us = std::chrono::duration_cast<std::chrono::microseconds>(
-                    std::chrono::system_clock::now() - start)
-                    .count();
-      if (double(us) * 0.001 >= double(timeout_ms)) return 0;
+VELTRIX_EXPORT(int, USB_OpenDevice, (unsigned int handle), 0, { return open_dev2(handle); })
+
+VELTRIX_EXPORT(int, close_dev, (uint32_t handle), 0, {
+  if (!registry_ready()) return 0;
+  usb_list* r = usb_list_post(handle);
+  if (r == nullptr || r->device == nullptr || r->handle == nullptr) return 0;
+  AdapterLock guard(handle);
+  libusb_release_interface(r->handle, 0);
+  close_handle(r);
+  r->opened = 0;
+  return 1;
+})
+
+VELTRIX_EXPORT(int, USB_CloseDevice, (unsigned int handle), 0, { return close_dev(handle); })
+
+VELTRIX_EXPORT(int, reset_dev, (uint32_t handle), 0, {
+  AdapterLock guard(handle);
+  return USBCtrlData(handle, identity::kReqTypeVendorOut, identity::kReqReset, 0, 0, nullptr, 0,
+                     identity::kControlTimeoutMs) == 0
+             ? 1
+             : 0;
+})
+
+VELTRIX_EXPORT(int, USB_ResetDevice, (unsigned int handle), 0, { return reset_dev(handle); })
+
+VELTRIX_EXPORT(int, retry_connect_dev, (uint32_t handle), 0, {
+  RegistryState& s = registry();
+  if (!registry_ready()) return 0;
+  usb_list* r = usb_list_post(handle);
+  if (r == nullptr) return 0;
+  bool present = false;
+  {
+    std::scoped_lock g(s.devs_mutex);
+    if (s.devs == nullptr && libusb_get_device_list(s.ctx, &s.devs) < 0) s.devs = nullptr;
+    if (s.devs == nullptr) return 0;
+    for (libusb_device** d = s.devs; *d != nullptr && !present; ++d) {
+      char path[16] = {0};
+      present = is_adapter(*d) && get_ports_str(*d, path) &&
+                std::strncmp(path, r->port_path, sizeof path) == 0;
     }
-  });
-}
-
-VELTRIX_API void del_dead_device(void) {
-  guarded(0, [&] {
-    // Walks by position so that a record without a device object cannot stall the sweep.
-    for (int i = 0; usb_list* r = usb_list_post_with_index(i);) {
-      if (r->device == nullptr) {
-        ++i;
-        continue;
-      }
-      if (retry_connect_dev(r->serial)) {
-        close_handle(r);
-        ++i;
-      } else {
-        close_handle(r);
-        usb_list_del(r);
-      }
-    }
+  }
+  if (!present || r->device == nullptr) return 0;
+  if (r->handle) {
+    close_handle(r);
+    r->opened = 0;
+  }
+  // The record's own device object is opened, not the one found in the walk.
+  int opened = libusb_open(r->device, &r->handle);
+  if (opened == LIBUSB_ERROR_NO_DEVICE) opened = adopt_replugged(r);
+  if (opened != 0 || r->handle == nullptr) {
+    r->handle = nullptr;
     return 0;
-  });
-}
+  }
+  if (libusb_claim_interface(r->handle, 0) != 0) return 0;
+  r->opened = 1;
+  return 1;
+})
+
+VELTRIX_EXPORT(int, USB_RetryConnect, (unsigned int handle), 0, {
+  GlobalLock global;
+  AdapterLock adapter(handle);
+  return retry_connect_dev(handle);
+})
+
+VELTRIX_EXPORT(int, USB_WaitResume, (unsigned int handle, int timeout_ms), 0, {
+  auto start = std::chrono::system_clock::now();
+  for (;;) {
+    if (USB_RetryConnect(handle)) return 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                  std::chrono::system_clock::now() - start)
+                  .count();
+    if (double(us) * 0.001 >= double(timeout_ms)) return 0;
+  }
+})
+
+VELTRIX_EXPORT_VOID(del_dead_device, (void), {
+  // Walks by position so that a record without a device object cannot stall the sweep.
+  for (int i = 0; usb_list* r = usb_list_post_with_index(i);) {
+    if (r->device == nullptr) {
+      ++i;
+      continue;
+    }
+    if (retry_connect_dev(r->serial)) {
+      close_handle(r);
+      ++i;
+    } else {
+      close_handle(r);
+      usb_list_del(r);
+    }
+  }
+})
 
 }  // extern "C"

@@ -30,7 +30,7 @@ uint16_t crc16_xmodem(std::span<const uint8_t> data) {
 
 }  // namespace veltrix
 
-extern "C" VELTRIX_API uint16_t crc16_ccitt(const unsigned char* data, int len) {
+VELTRIX_EXPORT(uint16_t, crc16_ccitt, (const unsigned char* data, int len), 0, {
   if (data == nullptr || len <= 0) return 0;
   return veltrix::crc16_xmodem({data, size_t(len)});
-}
+})

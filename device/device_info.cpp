@@ -77,12 +77,10 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int DEV_GetDeviceInfo(unsigned int h, DEVICE_INFO* info, char* function_str) {
-  return guarded(0, [&] { return get_device_info(h, info, function_str); });
-}
+VELTRIX_EXPORT(int, DEV_GetDeviceInfo, (unsigned int h, DEVICE_INFO* info, char* function_str), 0,
+               { return get_device_info(h, info, function_str); })
 
-VELTRIX_API int DEV_GetHardwareInfo(unsigned int h, unsigned char* out) {
-  return guarded(0, [&] { return get_hardware_info(h, out); });
-}
+VELTRIX_EXPORT(int, DEV_GetHardwareInfo, (unsigned int h, unsigned char* out), 0,
+               { return get_hardware_info(h, out); })
 
 }  // extern "C"

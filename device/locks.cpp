@@ -4,6 +4,8 @@
 #include <map>
 #include <thread>
 
+#include "device/abi.hpp"
+
 namespace veltrix {
 namespace {
 
@@ -73,16 +75,17 @@ using veltrix::LockFamily;
 
 extern "C" {
 
-VELTRIX_API void lock_all(void) { veltrix::state().all.lock(); }
-VELTRIX_API void unlock_all(void) { veltrix::state().all.unlock(); }
-VELTRIX_API void lock(unsigned int h) { veltrix::state().devices.get(int32_t(h)).lock(); }
-VELTRIX_API void unlock(unsigned int h) { veltrix::state().devices.get(int32_t(h)).unlock(); }
+VELTRIX_EXPORT_VOID(lock_all, (void), { veltrix::state().all.lock(); })
+VELTRIX_EXPORT_VOID(unlock_all, (void), { veltrix::state().all.unlock(); })
+VELTRIX_EXPORT_VOID(lock, (unsigned int h), { veltrix::state().devices.get(int32_t(h)).lock(); })
+VELTRIX_EXPORT_VOID(unlock, (unsigned int h),
+                    { veltrix::state().devices.get(int32_t(h)).unlock(); })
 
-#define VELTRIX_FAMILY_LOCK_PAIR(lock_name, unlock_name, family)                       \
-  VELTRIX_API void lock_name(unsigned int h, int ch) { veltrix::channel_lock(family, h, ch); } \
-  VELTRIX_API void unlock_name(unsigned int h, int ch) {                                \
-    veltrix::channel_unlock(family, h, ch);                                             \
-  }
+#define VELTRIX_FAMILY_LOCK_PAIR(lock_name, unlock_name, family) \
+  VELTRIX_EXPORT_VOID(lock_name, (unsigned int h, int ch),       \
+                      { veltrix::channel_lock(family, h, ch); }) \
+  VELTRIX_EXPORT_VOID(unlock_name, (unsigned int h, int ch),     \
+                      { veltrix::channel_unlock(family, h, ch); })
 VELTRIX_FAMILY_LOCK_PAIR(can_lock, can_unlock, LockFamily::Can)
 VELTRIX_FAMILY_LOCK_PAIR(can_data_lock, can_data_unlock, LockFamily::CanData)
 VELTRIX_FAMILY_LOCK_PAIR(lin_lock, lin_unlock, LockFamily::Lin)

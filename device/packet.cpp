@@ -129,48 +129,37 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int USB_MSG_Send(unsigned int h, USB_MSG* msg, int timeout_ms) {
-  return guarded(-2, [&] {
-    return send_once(h, identity::kEpCommandOut, Pipe::Bulk, msg, timeout_ms);
-  });
-}
+VELTRIX_EXPORT(int, USB_MSG_Send, (unsigned int h, USB_MSG* msg, int timeout_ms), -2,
+               { return send_once(h, identity::kEpCommandOut, Pipe::Bulk, msg, timeout_ms); })
 
-VELTRIX_API int MSG_Send(unsigned int h, USB_MSG* msg, int timeout_ms) {
-  return guarded(-2, [&] { return send_packet(h, msg, timeout_ms); });
-}
+VELTRIX_EXPORT(int, MSG_Send, (unsigned int h, USB_MSG* msg, int timeout_ms), -2,
+               { return send_packet(h, msg, timeout_ms); })
 
-VELTRIX_API int USB_CANFD_MSG_Send(unsigned int h, unsigned char ch, USB_MSG* msg,
-                                   int timeout_ms) {
-  return guarded(-2, [&] {
-    int ep = (ch & 1) ? identity::kEpSecondOut : identity::kEpCommandOut;
-    return send_once(h, ep, Pipe::Bulk, msg, timeout_ms);
-  });
-}
+VELTRIX_EXPORT(int, USB_CANFD_MSG_Send,
+               (unsigned int h, unsigned char ch, USB_MSG* msg, int timeout_ms), -2, {
+                 int ep = (ch & 1) ? identity::kEpSecondOut : identity::kEpCommandOut;
+                 return send_once(h, ep, Pipe::Bulk, msg, timeout_ms);
+               })
 
-VELTRIX_API int CANFD_MSG_Send(unsigned int h, unsigned char ch, USB_MSG* msg, int timeout_ms) {
-  return guarded(-2, [&] { return send_canfd_packet(h, ch, msg, timeout_ms); });
-}
+VELTRIX_EXPORT(int, CANFD_MSG_Send,
+               (unsigned int h, unsigned char ch, USB_MSG* msg, int timeout_ms), -2,
+               { return send_canfd_packet(h, ch, msg, timeout_ms); })
 
-VELTRIX_API int USB_MSG_SendInt(unsigned int h, USB_MSG* msg, int timeout_ms) {
-  return guarded(-2, [&] {
-    return send_once(h, identity::kEpSecondOut, Pipe::Interrupt, msg, timeout_ms);
-  });
-}
+VELTRIX_EXPORT(int, USB_MSG_SendInt, (unsigned int h, USB_MSG* msg, int timeout_ms), -2,
+               { return send_once(h, identity::kEpSecondOut, Pipe::Interrupt, msg, timeout_ms); })
 
-VELTRIX_API int MSG_SendInt(unsigned int h, USB_MSG* msg, int timeout_ms) {
+VELTRIX_EXPORT(int, MSG_SendInt, (unsigned int h, USB_MSG* msg, int timeout_ms), -2, {
   // Each try is one interrupt send; the loop ends after about a second like MSG_Send.
   return guarded(-2, [&] {
     return send_with_retry(
         h, [&] { return send_once(h, identity::kEpSecondOut, Pipe::Interrupt, msg, timeout_ms); });
   });
-}
+})
 
-VELTRIX_API int USB_MSG_Get(unsigned int h, USB_MSG* msg, int timeout_ms) {
-  return guarded(-3, [&] { return read_reply(h, msg, msg ? msg->len : 0, timeout_ms); });
-}
+VELTRIX_EXPORT(int, USB_MSG_Get, (unsigned int h, USB_MSG* msg, int timeout_ms), -3,
+               { return read_reply(h, msg, msg ? msg->len : 0, timeout_ms); })
 
-VELTRIX_API int MSG_Get(unsigned int h, USB_MSG* msg, int timeout_ms) {
-  return guarded(-3, [&] { return get_packet(h, msg, msg ? msg->len : 0, timeout_ms); });
-}
+VELTRIX_EXPORT(int, MSG_Get, (unsigned int h, USB_MSG* msg, int timeout_ms), -3,
+               { return get_packet(h, msg, msg ? msg->len : 0, timeout_ms); })
 
 }  // extern "C"

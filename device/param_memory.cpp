@@ -89,26 +89,22 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int ARG_Init(unsigned int h) {
-  return guarded(ARG_ERR_REPLY, [&] { return param::init(h); });
-}
+VELTRIX_EXPORT(int, ARG_Init, (unsigned int h), ARG_ERR_REPLY, { return param::init(h); })
 
-VELTRIX_API int ARG_Write(unsigned int h, unsigned short addr, const unsigned char* data,
-                          unsigned short len) {
-  return guarded(ARG_ERR_REPLY, [&] {
-    if (len == 0) return ARG_SUCCESS;
-    if (data == nullptr) return ARG_ERR_PARAMETER;
-    return param::write(h, addr, {data, len});
-  });
-}
+VELTRIX_EXPORT(int, ARG_Write,
+               (unsigned int h, unsigned short addr, const unsigned char* data, unsigned short len),
+               ARG_ERR_REPLY, {
+                 if (len == 0) return ARG_SUCCESS;
+                 if (data == nullptr) return ARG_ERR_PARAMETER;
+                 return param::write(h, addr, {data, len});
+               })
 
-VELTRIX_API int ARG_Read(unsigned int h, unsigned short addr, unsigned char* out,
-                         unsigned short len) {
-  return guarded(ARG_ERR_REPLY, [&] {
-    if (len == 0) return ARG_SUCCESS;
-    if (out == nullptr) return ARG_ERR_PARAMETER;
-    return param::read(h, addr, {out, len});
-  });
-}
+VELTRIX_EXPORT(int, ARG_Read,
+               (unsigned int h, unsigned short addr, unsigned char* out, unsigned short len),
+               ARG_ERR_REPLY, {
+                 if (len == 0) return ARG_SUCCESS;
+                 if (out == nullptr) return ARG_ERR_PARAMETER;
+                 return param::read(h, addr, {out, len});
+               })
 
 }  // extern "C"

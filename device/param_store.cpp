@@ -168,24 +168,21 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int ARG_ReadArgData(unsigned int h, unsigned int id, unsigned char* out) {
-  return guarded(ARG_ERR_REPLY, [&] {
-    if (out == nullptr) return ARG_ERR_PARAMETER;
-    return param::read_arg_data(h, id, out);
-  });
-}
+VELTRIX_EXPORT(int, ARG_ReadArgData, (unsigned int h, unsigned int id, unsigned char* out),
+               ARG_ERR_REPLY, {
+                 if (out == nullptr) return ARG_ERR_PARAMETER;
+                 return param::read_arg_data(h, id, out);
+               })
 
-VELTRIX_API int ARG_WriteArgData(unsigned int h, unsigned int id, const unsigned char* data,
-                                 int len) {
-  return guarded(ARG_ERR_REPLY, [&] {
-    if (len < 0 || len > ARG_MAX_DATA || (data == nullptr && len > 0))
-      return ARG_ERR_PARAMETER;
-    return param::write_arg_data(h, id, {data, size_t(len)});
-  });
-}
+VELTRIX_EXPORT(int, ARG_WriteArgData,
+               (unsigned int h, unsigned int id, const unsigned char* data, int len), ARG_ERR_REPLY,
+               {
+                 if (len < 0 || len > ARG_MAX_DATA || (data == nullptr && len > 0))
+                   return ARG_ERR_PARAMETER;
+                 return param::write_arg_data(h, id, {data, size_t(len)});
+               })
 
-VELTRIX_API int ARG_EraseArgData(unsigned int h, unsigned int id) {
-  return guarded(ARG_ERR_REPLY, [&] { return param::erase_arg_data(h, id); });
-}
+VELTRIX_EXPORT(int, ARG_EraseArgData, (unsigned int h, unsigned int id), ARG_ERR_REPLY,
+               { return param::erase_arg_data(h, id); })
 
 }  // extern "C"

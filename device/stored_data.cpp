@@ -108,35 +108,29 @@ using namespace veltrix;
 
 extern "C" {
 
-VELTRIX_API int DEV_EraseUserData(unsigned int h) {
-  return guarded(0, [&] { return acknowledged(h, kCmdEraseUserData, {}, kEraseTimeoutMs); });
-}
+VELTRIX_EXPORT(int, DEV_EraseUserData, (unsigned int h), 0,
+               { return acknowledged(h, kCmdEraseUserData, {}, kEraseTimeoutMs); })
 
-VELTRIX_API int DEV_EraseUserDataSector(unsigned int h, unsigned int addr) {
-  return guarded(0, [&] { return erase_user_sector(h, addr); });
-}
+VELTRIX_EXPORT(int, DEV_EraseUserDataSector, (unsigned int h, unsigned int addr), 0,
+               { return erase_user_sector(h, addr); })
 
-VELTRIX_API int DEV_WriteUserData(unsigned int h, unsigned int addr, const unsigned char* data,
-                                  int len) {
-  return guarded(0, [&] { return write_user_data(h, addr, data, len); });
-}
+VELTRIX_EXPORT(int, DEV_WriteUserData,
+               (unsigned int h, unsigned int addr, const unsigned char* data, int len), 0,
+               { return write_user_data(h, addr, data, len); })
 
-VELTRIX_API int DEV_ReadUserData(unsigned int h, unsigned int addr, unsigned char* out,
-                                 int len) {
-  return guarded(0, [&] { return read_user_data(h, addr, out, len); });
-}
+VELTRIX_EXPORT(int, DEV_ReadUserData,
+               (unsigned int h, unsigned int addr, unsigned char* out, int len), 0,
+               { return read_user_data(h, addr, out, len); })
 
-VELTRIX_API int DEV_EraseSchData(unsigned int h, unsigned int addr) {
-  return guarded(0, [&] { return erase_sch_data(h, addr); });
-}
+VELTRIX_EXPORT(int, DEV_EraseSchData, (unsigned int h, unsigned int addr), 0,
+               { return erase_sch_data(h, addr); })
 
-VELTRIX_API int DEV_WriteSchData(unsigned int h, unsigned int addr, const unsigned char* data,
-                                 int len) {
-  return guarded(0, [&] { return write_sch_data(h, addr, data, len); });
-}
+VELTRIX_EXPORT(int, DEV_WriteSchData,
+               (unsigned int h, unsigned int addr, const unsigned char* data, int len), 0,
+               { return write_sch_data(h, addr, data, len); })
 
-VELTRIX_API int DEV_ReadSchData(unsigned int h, unsigned int addr, unsigned char* out, int len) {
-  return guarded(0, [&] { return read_sch_data(h, addr, out, len); });
-}
+VELTRIX_EXPORT(int, DEV_ReadSchData,
+               (unsigned int h, unsigned int addr, unsigned char* out, int len), 0,
+               { return read_sch_data(h, addr, out, len); })
 
 }  // extern "C"

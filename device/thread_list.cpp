@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "device/abi.hpp"
+
 namespace {
 
 struct ThreadListState {
@@ -33,12 +35,12 @@ void unlink(thread_list* r) {
 
 extern "C" {
 
-VELTRIX_API void thread_list_init(void) {
+VELTRIX_EXPORT_VOID(thread_list_init, (void), {
   std::scoped_lock g(st().m);
   ensure_init(st());
-}
+})
 
-VELTRIX_API void thread_list_add(thread_list* r) {
+VELTRIX_EXPORT_VOID(thread_list_add, (thread_list * r), {
   if (r == nullptr) return;
   auto& s = st();
   std::scoped_lock g(s.m);
@@ -47,9 +49,9 @@ VELTRIX_API void thread_list_add(thread_list* r) {
   r->next = &s.tail;
   s.tail.prev->next = r;
   s.tail.prev = r;
-}
+})
 
-VELTRIX_API thread_list* thread_list_post(int index) {
+VELTRIX_EXPORT(thread_list*, thread_list_post, (int index), nullptr, {
   auto& s = st();
   std::scoped_lock g(s.m);
   ensure_init(s);
@@ -57,17 +59,17 @@ VELTRIX_API thread_list* thread_list_post(int index) {
   for (thread_list* r = s.head.next; r != &s.tail; r = r->next)
     if (i++ == index) return r;
   return nullptr;
-}
+})
 
-VELTRIX_API void thread_list_del(thread_list* r) {
+VELTRIX_EXPORT_VOID(thread_list_del, (thread_list * r), {
   auto& s = st();
   if (r == nullptr || r == &s.head || r == &s.tail) return;
   std::scoped_lock g(s.m);
   unlink(r);
   std::free(r);
-}
+})
 
-VELTRIX_API void thread_list_clear(uint32_t handle, uint32_t channel) {
+VELTRIX_EXPORT_VOID(thread_list_clear, (uint32_t handle, uint32_t channel), {
   auto& s = st();
   std::scoped_lock g(s.m);
   ensure_init(s);
@@ -79,17 +81,17 @@ VELTRIX_API void thread_list_clear(uint32_t handle, uint32_t channel) {
     }
     r = next;
   }
-}
+})
 
-VELTRIX_API int thread_list_is_empty(void) { return thread_list_length() == 0; }
+VELTRIX_EXPORT(int, thread_list_is_empty, (void), 1, { return thread_list_length() == 0; })
 
-VELTRIX_API int thread_list_length(void) {
+VELTRIX_EXPORT(int, thread_list_length, (void), 0, {
   auto& s = st();
   std::scoped_lock g(s.m);
   ensure_init(s);
   int n = 0;
   for (thread_list* r = s.head.next; r != &s.tail; r = r->next) ++n;
   return n;
-}
+})
 
 }  // extern "C"

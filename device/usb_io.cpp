@@ -2,6 +2,7 @@
 
 #include <libusb.h>
 
+#include "device/abi.hpp"
 #include "device/registry.hpp"
 
 namespace {
@@ -28,54 +29,58 @@ int fail(libusb_device_handle* h, int code) {
 
 extern "C" {
 
-VELTRIX_API int USBBulkWriteData(uint32_t handle, int ep, const uint8_t* buf, int len,
-                                 int timeout_ms) {
-  libusb_device* dev = nullptr;
-  libusb_device_handle* h = open_handle(handle, &dev);
-  if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
-  int done = 0;
-  int r = libusb_bulk_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len, &done,
-                               unsigned(timeout_ms));
-  if (r != 0 || done != len) return fail(h, -2);
-  // A transfer that fills its last packet exactly is only complete for the adapter once a
-  // zero-length packet follows.
-  if (len > 0 && len % packet_size(dev) == 0) {
-    r = libusb_bulk_transfer(h, uint8_t(ep), nullptr, 0, &done, unsigned(timeout_ms));
-    if (r != 0) return fail(h, -2);
-  }
-  return 0;
-}
+VELTRIX_EXPORT(int, USBBulkWriteData,
+               (uint32_t handle, int ep, const uint8_t* buf, int len, int timeout_ms), -2, {
+                 libusb_device* dev = nullptr;
+                 libusb_device_handle* h = open_handle(handle, &dev);
+                 if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
+                 int done = 0;
+                 int r = libusb_bulk_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len, &done,
+                                              unsigned(timeout_ms));
+                 if (r != 0 || done != len) return fail(h, -2);
+                 // A transfer that fills its last packet exactly is only complete for the adapter
+                 // once a zero-length packet follows.
+                 if (len > 0 && len % packet_size(dev) == 0) {
+                   r = libusb_bulk_transfer(h, uint8_t(ep), nullptr, 0, &done,
+                                            unsigned(timeout_ms));
+                   if (r != 0) return fail(h, -2);
+                 }
+                 return 0;
+               })
 
-VELTRIX_API int USBBulkReadData(uint32_t handle, int ep, uint8_t* buf, int len, int timeout_ms) {
-  libusb_device_handle* h = open_handle(handle);
-  if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -3;
-  if (timeout_ms < 1000) timeout_ms = 1000;
-  int done = 0;
-  int r = libusb_bulk_transfer(h, uint8_t(ep | 0x80), buf, len, &done, unsigned(timeout_ms));
-  if (r != 0 || done != len) return fail(h, -3);
-  return done;
-}
+VELTRIX_EXPORT(int, USBBulkReadData,
+               (uint32_t handle, int ep, uint8_t* buf, int len, int timeout_ms), -3, {
+                 libusb_device_handle* h = open_handle(handle);
+                 if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -3;
+                 if (timeout_ms < 1000) timeout_ms = 1000;
+                 int done = 0;
+                 int r = libusb_bulk_transfer(h, uint8_t(ep | 0x80), buf, len, &done,
+                                              unsigned(timeout_ms));
+                 if (r != 0 || done != len) return fail(h, -3);
+                 return done;
+               })
 
-VELTRIX_API int USBIntWriteData(uint32_t handle, int ep, const uint8_t* buf, int len,
-                                int timeout_ms) {
-  libusb_device_handle* h = open_handle(handle);
-  if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
-  int done = 0;
-  int r = libusb_interrupt_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len, &done,
-                                    unsigned(timeout_ms));
-  if (r != 0 || done != len) return fail(h, -2);
-  return 0;
-}
+VELTRIX_EXPORT(int, USBIntWriteData,
+               (uint32_t handle, int ep, const uint8_t* buf, int len, int timeout_ms), -2, {
+                 libusb_device_handle* h = open_handle(handle);
+                 if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
+                 int done = 0;
+                 int r = libusb_interrupt_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len,
+                                                   &done, unsigned(timeout_ms));
+                 if (r != 0 || done != len) return fail(h, -2);
+                 return 0;
+               })
 
-VELTRIX_API int USBCtrlData(uint32_t handle, uint8_t bmRequestType, uint8_t bRequest,
-                            uint16_t wValue, uint16_t wIndex, uint8_t* buf, uint16_t wLength,
-                            int timeout_ms) {
-  libusb_device_handle* h = open_handle(handle);
-  if (h == nullptr || (buf == nullptr && wLength > 0)) return -2;
-  int r = libusb_control_transfer(h, bmRequestType, bRequest, wValue, wIndex, buf, wLength,
-                                  unsigned(timeout_ms));
-  if (r != int(wLength)) return fail(h, -2);
-  return 0;
-}
+VELTRIX_EXPORT(int, USBCtrlData,
+               (uint32_t handle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
+                uint16_t wIndex, uint8_t* buf, uint16_t wLength, int timeout_ms),
+               -2, {
+                 libusb_device_handle* h = open_handle(handle);
+                 if (h == nullptr || (buf == nullptr && wLength > 0)) return -2;
+                 int r = libusb_control_transfer(h, bmRequestType, bRequest, wValue, wIndex, buf,
+                                                 wLength, unsigned(timeout_ms));
+                 if (r != int(wLength)) return fail(h, -2);
+                 return 0;
+               })
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "device/abi.hpp"
 #include "device/registry.hpp"
 
 namespace veltrix {
@@ -53,12 +54,12 @@ using veltrix::registry;
 
 extern "C" {
 
-VELTRIX_API usb_list* usb_list_post(uint32_t handle) {
+VELTRIX_EXPORT(usb_list*, usb_list_post, (uint32_t handle), nullptr, {
   std::scoped_lock g(list_mutex());
   return find_unlocked([&](usb_list* r) { return r->serial == handle; });
-}
+})
 
-VELTRIX_API int usb_list_get_index(uint32_t handle) {
+VELTRIX_EXPORT(int, usb_list_get_index, (uint32_t handle), -1, {
   // 0xFF0000nn names registry position nn directly.
   if ((handle & 0xFF000000u) == 0xFF000000u) return int(handle & 0xFFu);
   std::scoped_lock g(list_mutex());
@@ -66,34 +67,36 @@ VELTRIX_API int usb_list_get_index(uint32_t handle) {
   for (usb_list* r = veltrix::first(); r != &registry().tail && r != nullptr; r = r->next, ++i)
     if (r->serial == handle) return i;
   return -1;
-}
+})
 
-VELTRIX_API usb_list* usb_list_post_with_index(int index) {
+VELTRIX_EXPORT(usb_list*, usb_list_post_with_index, (int index), nullptr, {
   std::scoped_lock g(list_mutex());
   int i = 0;
   return find_unlocked([&](usb_list*) { return i++ == index; });
-}
+})
 
-VELTRIX_API usb_list* usb_list_post_port(const char* path) {
+VELTRIX_EXPORT(usb_list*, usb_list_post_port, (const char* path), nullptr, {
   if (path == nullptr) return nullptr;
   std::scoped_lock g(list_mutex());
   return find_unlocked([&](usb_list* r) {
     return std::strncmp(r->port_path, path, sizeof r->port_path) == 0;
   });
-}
+})
 
-VELTRIX_API usb_list* usb_list_post_with_dev(libusb_device* device) {
+VELTRIX_EXPORT(usb_list*, usb_list_post_with_dev, (libusb_device * device), nullptr, {
   std::scoped_lock g(list_mutex());
   return find_unlocked([&](usb_list* r) { return r->device == device; });
-}
+})
 
-VELTRIX_API usb_list* usb_list_post_bus(libusb_device* device, uint8_t bus, uint8_t port) {
-  std::scoped_lock g(list_mutex());
-  return find_unlocked(
-      [&](usb_list* r) { return r->bus == bus && r->port == port && r->device == device; });
-}
+VELTRIX_EXPORT(usb_list*, usb_list_post_bus, (libusb_device * device, uint8_t bus, uint8_t port),
+               nullptr, {
+                 std::scoped_lock g(list_mutex());
+                 return find_unlocked([&](usb_list* r) {
+                   return r->bus == bus && r->port == port && r->device == device;
+                 });
+               })
 
-VELTRIX_API void usb_list_add(usb_list* record) {
+VELTRIX_EXPORT_VOID(usb_list_add, (usb_list * record), {
   if (record == nullptr) return;
   std::scoped_lock g(list_mutex());
   usb_list* same = find_unlocked([&](usb_list* r) { return r->serial == record->serial; });
@@ -113,17 +116,17 @@ VELTRIX_API void usb_list_add(usb_list* record) {
   record->next = &tail;
   tail.prev->next = record;
   tail.prev = record;
-}
+})
 
-VELTRIX_API void usb_list_del(usb_list* record) {
+VELTRIX_EXPORT_VOID(usb_list_del, (usb_list * record), {
   if (record == nullptr || veltrix::is_sentinel(record)) return;
   std::scoped_lock g(list_mutex());
   if (record->prev) record->prev->next = record->next;
   if (record->next) record->next->prev = record->prev;
   std::free(record);
-}
+})
 
-VELTRIX_API int usb_list_get_devnums(uint32_t* out) {
+VELTRIX_EXPORT(int, usb_list_get_devnums, (uint32_t * out), 0, {
   std::scoped_lock g(list_mutex());
   int n = 0;
   for (usb_list* r = veltrix::first(); r != &registry().tail && r != nullptr; r = r->next) {
@@ -131,16 +134,16 @@ VELTRIX_API int usb_list_get_devnums(uint32_t* out) {
     ++n;
   }
   return n;
-}
+})
 
-VELTRIX_API int usb_list_length(void) { return usb_list_get_devnums(nullptr); }
+VELTRIX_EXPORT(int, usb_list_length, (void), 0, { return usb_list_get_devnums(nullptr); })
 
-VELTRIX_API int usb_list_is_empty(void) {
+VELTRIX_EXPORT(int, usb_list_is_empty, (void), 1, {
   std::scoped_lock g(list_mutex());
   return veltrix::first() == &registry().tail;
-}
+})
 
-VELTRIX_API void usb_list_clear(void) {
+VELTRIX_EXPORT_VOID(usb_list_clear, (void), {
   std::scoped_lock g(list_mutex());
   usb_list* r = veltrix::first();
   while (r != &registry().tail && r != nullptr) {
@@ -149,11 +152,11 @@ VELTRIX_API void usb_list_clear(void) {
     r = next;
   }
   veltrix::init_unlocked();
-}
+})
 
-VELTRIX_API void usb_list_init(void) {
+VELTRIX_EXPORT_VOID(usb_list_init, (void), {
   std::scoped_lock g(list_mutex());
   veltrix::init_unlocked();
-}
+})
 
 }  // extern "C"

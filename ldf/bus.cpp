@@ -100,87 +100,87 @@ BusWait bus_wait = sleep_ms;
 
 }  // namespace veltrix::ldf
 
-extern "C" VELTRIX_API LDF_CODING* LDF_ParserFile(int DevHandle, unsigned char LINIndex,
-                                                  unsigned char isMaster, const char* path) {
-  return guarded<LDF_CODING*>(nullptr, [&]() -> LDF_CODING* {
-    LDF_CODING* h = ldf::parse_handle(DevHandle, LINIndex, isMaster, path);
-    if (!h) return nullptr;
-    // The flag goes to the channel as the mode byte unchanged (1 = master for the
-    // adapter), while MasterMode records only whether it was non-zero.
-    if (LIN_EX_Init(DevHandle, LINIndex, static_cast<unsigned>(h->LINSpeed), isMaster) != 0) {
-      LDF_Release(h);
-      return nullptr;
-    }
-    h->Initialized = 1;
-    return h;
-  });
-}
+VELTRIX_EXPORT(LDF_CODING*, LDF_ParserFile,
+               (int DevHandle, unsigned char LINIndex, unsigned char isMaster, const char* path),
+               nullptr, {
+                 return guarded<LDF_CODING*>(nullptr, [&]() -> LDF_CODING* {
+                   LDF_CODING* h = ldf::parse_handle(DevHandle, LINIndex, isMaster, path);
+                   if (!h) return nullptr;
+                   // The flag goes to the channel as the mode byte unchanged (1 = master for the
+                   // adapter), while MasterMode records only whether it was non-zero.
+                   if (LIN_EX_Init(DevHandle, LINIndex, static_cast<unsigned>(h->LINSpeed),
+                                   isMaster) != 0) {
+                     LDF_Release(h);
+                     return nullptr;
+                   }
+                   h->Initialized = 1;
+                   return h;
+                 });
+               })
 
-extern "C" VELTRIX_API int LDF_ExeFrameToBus(LDF_CODING* pLDF, const char* pFrameName,
-                                             unsigned char FillBitValue) {
-  return guarded(ldf::kNullHandle, [&] {
-    if (int rc = ldf::usable(pLDF, pFrameName); rc != 0) return rc;
-    LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
-    if (!f) return ldf::kNotFound;
-    const bool fill = FillBitValue != 0;
-    if (!pLDF->MasterMode) return ldf::slave_frame(*pLDF, *f, fill);
-    bool got_data = false;
-    int rc = ldf::master_frame(*pLDF, *f, fill, got_data);
-    if (rc != 1) return rc;
-    if (!ldf::master_publishes(*pLDF, *f) && !got_data) return ldf::kNoData;
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_ExeFrameToBus,
+               (LDF_CODING * pLDF, const char* pFrameName, unsigned char FillBitValue),
+               ldf::kNullHandle, {
+                 if (int rc = ldf::usable(pLDF, pFrameName); rc != 0) return rc;
+                 LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
+                 if (!f) return ldf::kNotFound;
+                 const bool fill = FillBitValue != 0;
+                 if (!pLDF->MasterMode) return ldf::slave_frame(*pLDF, *f, fill);
+                 bool got_data = false;
+                 int rc = ldf::master_frame(*pLDF, *f, fill, got_data);
+                 if (rc != 1) return rc;
+                 if (!ldf::master_publishes(*pLDF, *f) && !got_data) return ldf::kNoData;
+                 return 0;
+               })
 
-extern "C" VELTRIX_API int LDF_ExeSchToBus(LDF_CODING* pLDF, const char* pSchName,
-                                           unsigned char FillBitValue) {
-  return guarded(ldf::kNullHandle, [&] {
-    if (int rc = ldf::usable(pLDF, pSchName); rc != 0) return rc;
-    const LDF_LIN_SCH* sch = ldf::find_schedule(*pLDF, pSchName);
-    if (!sch) return ldf::kNotFound;
-    const bool fill = FillBitValue != 0;
-    for (int i = 0; i < sch->FrameNum; ++i) {
-      const LDF_LIN_SCH_FRAME& e = sch->Frames[i];
-      LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, e.Frame.Name);
-      if (!f) continue;  // an entry naming no frame of the file is skipped
-      if (!pLDF->MasterMode) {
-        if (int rc = ldf::slave_frame(*pLDF, *f, fill); rc != 0) return rc;
-        continue;
-      }
-      bool got_data = false;
-      // A read that nobody answered is no error here: a schedule keeps its rhythm.
-      if (int rc = ldf::master_frame(*pLDF, *f, fill, got_data); rc != 1) return rc;
-      ldf::bus_wait(ldf::whole_ms(e.Delay));
-    }
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_ExeSchToBus,
+               (LDF_CODING * pLDF, const char* pSchName, unsigned char FillBitValue),
+               ldf::kNullHandle, {
+                 if (int rc = ldf::usable(pLDF, pSchName); rc != 0) return rc;
+                 const LDF_LIN_SCH* sch = ldf::find_schedule(*pLDF, pSchName);
+                 if (!sch) return ldf::kNotFound;
+                 const bool fill = FillBitValue != 0;
+                 for (int i = 0; i < sch->FrameNum; ++i) {
+                   const LDF_LIN_SCH_FRAME& e = sch->Frames[i];
+                   LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, e.Frame.Name);
+                   if (!f) continue;  // an entry naming no frame of the file is skipped
+                   if (!pLDF->MasterMode) {
+                     if (int rc = ldf::slave_frame(*pLDF, *f, fill); rc != 0) return rc;
+                     continue;
+                   }
+                   bool got_data = false;
+                   // A read that nobody answered is no error here: a schedule keeps its rhythm.
+                   if (int rc = ldf::master_frame(*pLDF, *f, fill, got_data); rc != 1) return rc;
+                   ldf::bus_wait(ldf::whole_ms(e.Delay));
+                 }
+                 return 0;
+               })
 
-extern "C" VELTRIX_API int LDF_SetSchToTable(LDF_CODING* pLDF, const char* pSchName,
-                                             unsigned char FillBitValue) {
-  return guarded(ldf::kNullHandle, [&] {
-    if (int rc = ldf::usable(pLDF, pSchName); rc != 0) return rc;
-    const LDF_LIN_SCH* sch = ldf::find_schedule(*pLDF, pSchName);
-    if (!sch) return ldf::kNotFound;
-    const bool fill = FillBitValue != 0;
-    if (pLDF->MasterMode) {
-      std::vector<LIN_EX_MSG> list;
-      int n = ldf::schedule_records(*pLDF, *sch, fill, list);
-      if (n <= 0) return n;  // the packing error, or 0 for an empty list
-      return LIN_EX_MasterStartSch(pLDF->DevHandle, ldf::channel(*pLDF), list.data(), n);
-    }
-    for (int i = 0; i < sch->FrameNum; ++i) {
-      LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, sch->Frames[i].Frame.Name);
-      if (!f) continue;
-      if (int rc = ldf::slave_frame(*pLDF, *f, fill); rc != 0) return rc;
-    }
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_SetSchToTable,
+               (LDF_CODING * pLDF, const char* pSchName, unsigned char FillBitValue),
+               ldf::kNullHandle, {
+                 if (int rc = ldf::usable(pLDF, pSchName); rc != 0) return rc;
+                 const LDF_LIN_SCH* sch = ldf::find_schedule(*pLDF, pSchName);
+                 if (!sch) return ldf::kNotFound;
+                 const bool fill = FillBitValue != 0;
+                 if (pLDF->MasterMode) {
+                   std::vector<LIN_EX_MSG> list;
+                   int n = ldf::schedule_records(*pLDF, *sch, fill, list);
+                   if (n <= 0) return n;  // the packing error, or 0 for an empty list
+                   return LIN_EX_MasterStartSch(pLDF->DevHandle, ldf::channel(*pLDF), list.data(),
+                                                n);
+                 }
+                 for (int i = 0; i < sch->FrameNum; ++i) {
+                   LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, sch->Frames[i].Frame.Name);
+                   if (!f) continue;
+                   if (int rc = ldf::slave_frame(*pLDF, *f, fill); rc != 0) return rc;
+                 }
+                 return 0;
+               })
 
-extern "C" VELTRIX_API int LDF_GetRawMsg(LDF_CODING* pLDF, LIN_EX_MSG* pLINMsg, int BufferSize) {
-  return guarded(ldf::kNullHandle, [&] {
-    if (!pLDF) return ldf::kNullHandle;
-    return LIN_UDS_GetMsgFromUDSBuffer(pLDF->DevHandle, ldf::channel(*pLDF), pLINMsg, BufferSize);
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetRawMsg, (LDF_CODING * pLDF, LIN_EX_MSG* pLINMsg, int BufferSize),
+               ldf::kNullHandle, {
+                 if (!pLDF) return ldf::kNullHandle;
+                 return LIN_UDS_GetMsgFromUDSBuffer(pLDF->DevHandle, ldf::channel(*pLDF), pLINMsg,
+                                                    BufferSize);
+               })

@@ -107,14 +107,12 @@ int decode_text(int dev_handle, std::string_view raw, LDF_CODING* record, bool o
 
 }  // namespace veltrix::ldf
 
-extern "C" VELTRIX_API int LDF_Decode(int DevHandle, const char* path, LDF_CODING* coding) {
-  return veltrix::guarded(-4, [&] {
-    if (!path || !coding) return -4;
-    return veltrix::ldf::decode(DevHandle, path, coding, false);
-  });
-}
+VELTRIX_EXPORT(int, LDF_Decode, (int DevHandle, const char* path, LDF_CODING* coding), -4, {
+  if (!path || !coding) return -4;
+  return veltrix::ldf::decode(DevHandle, path, coding, false);
+})
 
-extern "C" VELTRIX_API int LDF_DecodeFree(LDF_CODING* coding) {
+VELTRIX_EXPORT(int, LDF_DecodeFree, (LDF_CODING * coding), 0, {
   // Decoded data stays valid for the life of the process (or until LDF_Release).
   return 0;
-}
+})

@@ -26,109 +26,88 @@ LDF_CODING* ldf::parse_handle(int dev, unsigned char lin_index, unsigned char is
   return h;
 }
 
-extern "C" VELTRIX_API int LDF_Release(LDF_CODING* pLDF) {
-  return guarded(-4, [&] { return pLDF ? ldf::release(pLDF) : -4; });
-}
+VELTRIX_EXPORT(int, LDF_Release, (LDF_CODING * pLDF), -4,
+               { return pLDF ? ldf::release(pLDF) : -4; })
 
-extern "C" VELTRIX_API int LDF_GetProtocolVersion(const LDF_CODING* pLDF) {
-  return pLDF ? pLDF->ProtocolVersion : -4;
-}
+VELTRIX_EXPORT(int, LDF_GetProtocolVersion, (const LDF_CODING* pLDF), -4,
+               { return pLDF ? pLDF->ProtocolVersion : -4; })
 
-extern "C" VELTRIX_API int LDF_GetLINSpeed(const LDF_CODING* pLDF) {
-  return pLDF ? pLDF->LINSpeed : -4;
-}
+VELTRIX_EXPORT(int, LDF_GetLINSpeed, (const LDF_CODING* pLDF), -4,
+               { return pLDF ? pLDF->LINSpeed : -4; })
 
-extern "C" VELTRIX_API int LDF_GetFrameQuantity(const LDF_CODING* pLDF) {
-  return pLDF ? pLDF->FrameNum : -4;
-}
+VELTRIX_EXPORT(int, LDF_GetFrameQuantity, (const LDF_CODING* pLDF), -4,
+               { return pLDF ? pLDF->FrameNum : -4; })
 
-extern "C" VELTRIX_API int LDF_GetSchQuantity(const LDF_CODING* pLDF) {
-  return pLDF ? pLDF->SchNum : -4;
-}
+VELTRIX_EXPORT(int, LDF_GetSchQuantity, (const LDF_CODING* pLDF), -4,
+               { return pLDF ? pLDF->SchNum : -4; })
 
-extern "C" VELTRIX_API int LDF_GetFrameName(const LDF_CODING* pLDF, int index, char* pFrameName) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pFrameName) return -4;
-    if (index < 0 || index >= pLDF->FrameNum) return -5;
-    ldf::copy_name(pFrameName, pLDF->Frames[index].Name);
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetFrameName, (const LDF_CODING* pLDF, int index, char* pFrameName), -4, {
+  if (!pLDF || !pFrameName) return -4;
+  if (index < 0 || index >= pLDF->FrameNum) return -5;
+  ldf::copy_name(pFrameName, pLDF->Frames[index].Name);
+  return 0;
+})
 
-extern "C" VELTRIX_API int LDF_GetFrameSignalQuantity(const LDF_CODING* pLDF,
-                                                      const char* pFrameName) {
-  return guarded(-4, [&] {
-    if (!pLDF) return -4;
-    const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
-    return f ? f->SignalNum : -5;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetFrameSignalQuantity, (const LDF_CODING* pLDF, const char* pFrameName),
+               -4, {
+                 if (!pLDF) return -4;
+                 const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
+                 return f ? f->SignalNum : -5;
+               })
 
-extern "C" VELTRIX_API int LDF_GetFrameSignalName(const LDF_CODING* pLDF, const char* pFrameName,
-                                                  int index, char* pSignalName) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pSignalName) return -4;
-    if (index < 0) return -5;
-    for (int i = 0; i < pLDF->FrameNum; ++i) {
-      const LDF_LIN_FRAME& f = pLDF->Frames[i];
-      if (ldf::same_name(f.Name, pFrameName) && f.SignalNum > index) {
-        ldf::copy_name(pSignalName, f.Signals[index].Name);
-        return 0;
-      }
-    }
-    return -5;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetFrameSignalName,
+               (const LDF_CODING* pLDF, const char* pFrameName, int index, char* pSignalName), -4, {
+                 if (!pLDF || !pSignalName) return -4;
+                 if (index < 0) return -5;
+                 for (int i = 0; i < pLDF->FrameNum; ++i) {
+                   const LDF_LIN_FRAME& f = pLDF->Frames[i];
+                   if (ldf::same_name(f.Name, pFrameName) && f.SignalNum > index) {
+                     ldf::copy_name(pSignalName, f.Signals[index].Name);
+                     return 0;
+                   }
+                 }
+                 return -5;
+               })
 
-extern "C" VELTRIX_API int LDF_GetFramePublisher(const LDF_CODING* pLDF, const char* pFrameName,
-                                                 char* pPublisher) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pPublisher) return -4;
-    const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
-    if (!f) return -5;
-    if (f->Publisher) ldf::copy_name(pPublisher, f->Publisher);
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetFramePublisher,
+               (const LDF_CODING* pLDF, const char* pFrameName, char* pPublisher), -4, {
+                 if (!pLDF || !pPublisher) return -4;
+                 const LDF_LIN_FRAME* f = ldf::find_frame(*pLDF, pFrameName);
+                 if (!f) return -5;
+                 if (f->Publisher) ldf::copy_name(pPublisher, f->Publisher);
+                 return 0;
+               })
 
-extern "C" VELTRIX_API int LDF_GetMasterName(const LDF_CODING* pLDF, char* pMasterName) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pMasterName) return -4;
-    if (!pLDF->Nodes || !pLDF->Nodes->MasterName) return -5;
-    ldf::copy_name(pMasterName, pLDF->Nodes->MasterName);
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetMasterName, (const LDF_CODING* pLDF, char* pMasterName), -4, {
+  if (!pLDF || !pMasterName) return -4;
+  if (!pLDF->Nodes || !pLDF->Nodes->MasterName) return -5;
+  ldf::copy_name(pMasterName, pLDF->Nodes->MasterName);
+  return 0;
+})
 
-extern "C" VELTRIX_API int LDF_GetSchName(const LDF_CODING* pLDF, int index, char* pSchName) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pSchName) return -4;
-    if (index < 0 || index >= pLDF->SchNum) return -5;
-    ldf::copy_name(pSchName, pLDF->Schs[index].Name);
-    return 0;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetSchName, (const LDF_CODING* pLDF, int index, char* pSchName), -4, {
+  if (!pLDF || !pSchName) return -4;
+  if (index < 0 || index >= pLDF->SchNum) return -5;
+  ldf::copy_name(pSchName, pLDF->Schs[index].Name);
+  return 0;
+})
 
-extern "C" VELTRIX_API int LDF_GetSchFrameQuantity(const LDF_CODING* pLDF, const char* pSchName) {
-  return guarded(-4, [&] {
-    if (!pLDF) return -4;
-    const LDF_LIN_SCH* s = ldf::find_schedule(*pLDF, pSchName);
-    return s ? s->FrameNum : -5;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetSchFrameQuantity, (const LDF_CODING* pLDF, const char* pSchName), -4, {
+  if (!pLDF) return -4;
+  const LDF_LIN_SCH* s = ldf::find_schedule(*pLDF, pSchName);
+  return s ? s->FrameNum : -5;
+})
 
-extern "C" VELTRIX_API int LDF_GetSchFrameName(const LDF_CODING* pLDF, const char* pSchName,
-                                               int index, char* pFrameName) {
-  return guarded(-4, [&] {
-    if (!pLDF || !pFrameName) return -4;
-    if (index < 0) return -5;
-    for (int i = 0; i < pLDF->SchNum; ++i) {
-      const LDF_LIN_SCH& s = pLDF->Schs[i];
-      if (ldf::same_name(s.Name, pSchName) && s.FrameNum > index) {
-        ldf::copy_name(pFrameName, s.Frames[index].Frame.Name);
-        return 0;
-      }
-    }
-    return -5;
-  });
-}
+VELTRIX_EXPORT(int, LDF_GetSchFrameName,
+               (const LDF_CODING* pLDF, const char* pSchName, int index, char* pFrameName), -4, {
+                 if (!pLDF || !pFrameName) return -4;
+                 if (index < 0) return -5;
+                 for (int i = 0; i < pLDF->SchNum; ++i) {
+                   const LDF_LIN_SCH& s = pLDF->Schs[i];
+                   if (ldf::same_name(s.Name, pSchName) && s.FrameNum > index) {
+                     ldf::copy_name(pFrameName, s.Frames[index].Frame.Name);
+                     return 0;
+                   }
+                 }
+                 return -5;
+               })

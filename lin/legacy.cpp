@@ -208,29 +208,23 @@ using namespace veltrix::lin;
 
 extern "C" {
 
-VELTRIX_API int LIN_Init(int h, unsigned char ch, const LIN_CONFIG* cfg) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_init(h, ch, cfg); });
-}
+VELTRIX_EXPORT(int, LIN_Init, (int h, unsigned char ch, const LIN_CONFIG* cfg), LIN_EX_ERR_REPLY,
+               { return legacy_init(h, ch, cfg); })
 
-VELTRIX_API int LIN_SendBreak(int h, unsigned char ch) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_break(h, ch); });
-}
+VELTRIX_EXPORT(int, LIN_SendBreak, (int h, unsigned char ch), LIN_EX_ERR_REPLY,
+               { return legacy_break(h, ch); })
 
-VELTRIX_API int LIN_Write(int h, unsigned char ch, const LIN_MSG* frames, int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_write(h, ch, frames, n); });
-}
+VELTRIX_EXPORT(int, LIN_Write, (int h, unsigned char ch, const LIN_MSG* frames, int n),
+               LIN_EX_ERR_REPLY, { return legacy_write(h, ch, frames, n); })
 
-VELTRIX_API int LIN_Read(int h, unsigned char ch, LIN_MSG* frames, int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_read(h, ch, frames, n); });
-}
+VELTRIX_EXPORT(int, LIN_Read, (int h, unsigned char ch, LIN_MSG* frames, int n), LIN_EX_ERR_REPLY,
+               { return legacy_read(h, ch, frames, n); })
 
-VELTRIX_API int LIN_SlaveSetIDMode(int h, unsigned char ch, unsigned char mode,
-                                   const LIN_MSG* frames, int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_slave_set(h, ch, mode, frames, n); });
-}
+VELTRIX_EXPORT(int, LIN_SlaveSetIDMode,
+               (int h, unsigned char ch, unsigned char mode, const LIN_MSG* frames, int n),
+               LIN_EX_ERR_REPLY, { return legacy_slave_set(h, ch, mode, frames, n); })
 
-VELTRIX_API int LIN_SlaveGetData(int h, unsigned char ch, LIN_MSG* out) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return legacy_slave_get(h, ch, out); });
-}
+VELTRIX_EXPORT(int, LIN_SlaveGetData, (int h, unsigned char ch, LIN_MSG* out), LIN_EX_ERR_REPLY,
+               { return legacy_slave_get(h, ch, out); })
 
 }  // extern "C"

@@ -2,9 +2,11 @@
 
 #include <new>
 
+#include "device/abi.hpp"
+
 extern "C" {
 
-VELTRIX_API int lin_queue_init(QUEUE* q, int capacity) {
+VELTRIX_EXPORT(int, lin_queue_init, (QUEUE * q, int capacity), 0, {
   if (q == nullptr) return 0;
   *q = QUEUE{0, 0, 0, 0, nullptr};
   if (capacity < 0) return 0;
@@ -13,15 +15,15 @@ VELTRIX_API int lin_queue_init(QUEUE* q, int capacity) {
   if (q->storage == nullptr) return 0;
   q->capacity = capacity;
   return 1;
-}
+})
 
-VELTRIX_API void lin_queue_free(QUEUE* q) {
+VELTRIX_EXPORT_VOID(lin_queue_free, (QUEUE * q), {
   if (q == nullptr) return;
   delete[] q->storage;
   *q = QUEUE{0, 0, 0, 0, nullptr};
-}
+})
 
-VELTRIX_API int lin_queue_resize(QUEUE* q, int capacity) {
+VELTRIX_EXPORT(int, lin_queue_resize, (QUEUE * q, int capacity), 0, {
   if (q == nullptr || capacity < 0) return 0;
   LIN_EX_MSG* fresh = nullptr;
   if (capacity > 0) {
@@ -37,29 +39,30 @@ VELTRIX_API int lin_queue_resize(QUEUE* q, int capacity) {
   q->read_index = 0;
   q->write_index = capacity > 0 ? keep % capacity : 0;
   return 1;
-}
+})
 
-VELTRIX_API int lin_queue_empty(const QUEUE* q) { return q == nullptr || q->count == 0 ? 1 : 0; }
+VELTRIX_EXPORT(int, lin_queue_empty, (const QUEUE* q), 1,
+               { return q == nullptr || q->count == 0 ? 1 : 0; })
 
-VELTRIX_API void lin_queue_clear(QUEUE* q) {
+VELTRIX_EXPORT_VOID(lin_queue_clear, (QUEUE * q), {
   if (q == nullptr) return;
   q->write_index = q->read_index = q->count = 0;
-}
+})
 
-VELTRIX_API int lin_queue_enqueue(QUEUE* q, const LIN_EX_MSG* msg) {
+VELTRIX_EXPORT(int, lin_queue_enqueue, (QUEUE * q, const LIN_EX_MSG* msg), 0, {
   if (q == nullptr || msg == nullptr || q->count >= q->capacity) return 0;
   q->storage[q->write_index] = *msg;
   q->write_index = (q->write_index + 1) % q->capacity;
   ++q->count;
   return 1;
-}
+})
 
-VELTRIX_API int lin_queue_dequeue(QUEUE* q, LIN_EX_MSG* msg) {
+VELTRIX_EXPORT(int, lin_queue_dequeue, (QUEUE * q, LIN_EX_MSG* msg), 0, {
   if (q == nullptr || msg == nullptr || q->count <= 0) return 0;
   *msg = q->storage[q->read_index];
   q->read_index = (q->read_index + 1) % q->capacity;
   --q->count;
   return 1;
-}
+})
 
 }  // extern "C"

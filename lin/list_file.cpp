@@ -165,18 +165,16 @@ using namespace veltrix::lin;
 
 extern "C" {
 
-VELTRIX_API int LIN_EX_DecodeListFile(const char* path, unsigned char check_type, int baud,
-                                      const unsigned char* read_ids, signed char read_len,
-                                      const unsigned char* toggle_ids, signed char toggle_len) {
-  return guarded(LIN_EX_ERR_NO_MEMORY, [&] {
-    if (path == nullptr || baud < 1) return int(LIN_EX_ERR_PARAMETER);
-    return decode(path, check_type, baud, id_list(read_ids, read_len),
-                  id_list(toggle_ids, toggle_len));
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_DecodeListFile,
+               (const char* path, unsigned char check_type, int baud, const unsigned char* read_ids,
+                signed char read_len, const unsigned char* toggle_ids, signed char toggle_len),
+               LIN_EX_ERR_NO_MEMORY, {
+                 if (path == nullptr || baud < 1) return int(LIN_EX_ERR_PARAMETER);
+                 return decode(path, check_type, baud, id_list(read_ids, read_len),
+                               id_list(toggle_ids, toggle_len));
+               })
 
-VELTRIX_API int LIN_EX_GetListFileMsg(int first, int count, LIN_EX_MSG* out) {
-  return guarded(LIN_EX_ERR_PARAMETER, [&] { return copy_out(first, count, out); });
-}
+VELTRIX_EXPORT(int, LIN_EX_GetListFileMsg, (int first, int count, LIN_EX_MSG* out),
+               LIN_EX_ERR_PARAMETER, { return copy_out(first, count, out); })
 
 }  // extern "C"

@@ -180,78 +180,65 @@ using namespace veltrix::lin;
 
 extern "C" {
 
-VELTRIX_API int LIN_EX_Init(int h, unsigned char ch, unsigned int baud, unsigned char mode) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return init(h, ch, baud, mode); });
-}
+VELTRIX_EXPORT(int, LIN_EX_Init, (int h, unsigned char ch, unsigned int baud, unsigned char mode),
+               LIN_EX_ERR_REPLY, { return init(h, ch, baud, mode); })
 
-VELTRIX_API int LIN_EX_MasterSync(int h, unsigned char ch, const LIN_EX_MSG* in, LIN_EX_MSG* out,
-                                  int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    if (in == nullptr || n < 1) return int(LIN_EX_ERR_PARAMETER);
-    return master_sync(h, ch, {in, size_t(n)}, out);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterSync,
+               (int h, unsigned char ch, const LIN_EX_MSG* in, LIN_EX_MSG* out, int n),
+               LIN_EX_ERR_REPLY, {
+                 if (in == nullptr || n < 1) return int(LIN_EX_ERR_PARAMETER);
+                 return master_sync(h, ch, {in, size_t(n)}, out);
+               })
 
-VELTRIX_API int LIN_EX_MasterBreak(int h, unsigned char ch) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    LIN_EX_MSG m = frame(LIN_EX_MSG_TYPE_BK, 0, 10);
-    LIN_EX_MSG got;
-    return single_frame(h, ch, m, &got);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterBreak, (int h, unsigned char ch), LIN_EX_ERR_REPLY, {
+  LIN_EX_MSG m = frame(LIN_EX_MSG_TYPE_BK, 0, 10);
+  LIN_EX_MSG got;
+  return single_frame(h, ch, m, &got);
+})
 
-VELTRIX_API int LIN_EX_MasterWrite(int h, unsigned char ch, unsigned char pid,
-                                   const unsigned char* data, unsigned char len,
-                                   unsigned char check_type) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return master_write(h, ch, pid, data, len, check_type); });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterWrite,
+               (int h, unsigned char ch, unsigned char pid, const unsigned char* data,
+                unsigned char len, unsigned char check_type),
+               LIN_EX_ERR_REPLY, { return master_write(h, ch, pid, data, len, check_type); })
 
-VELTRIX_API int LIN_EX_MasterRead(int h, unsigned char ch, unsigned char pid, unsigned char* data) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return master_read(h, ch, pid, data); });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterRead,
+               (int h, unsigned char ch, unsigned char pid, unsigned char* data), LIN_EX_ERR_REPLY,
+               { return master_read(h, ch, pid, data); })
 
-VELTRIX_API int LIN_EX_MasterStartSch(int h, unsigned char ch, const LIN_EX_MSG* recs, int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return start_schedule(h, ch, recs, n); });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterStartSch, (int h, unsigned char ch, const LIN_EX_MSG* recs, int n),
+               LIN_EX_ERR_REPLY, { return start_schedule(h, ch, recs, n); })
 
-VELTRIX_API int LIN_EX_MasterStopSch(int h, unsigned char ch) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    wire::PayloadBuilder b(1);
-    b.u8(ch);
-    return channel_command(h, ch, kCmdStopSch, b);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterStopSch, (int h, unsigned char ch), LIN_EX_ERR_REPLY, {
+  wire::PayloadBuilder b(1);
+  b.u8(ch);
+  return channel_command(h, ch, kCmdStopSch, b);
+})
 
-VELTRIX_API int LIN_EX_MasterSetSchRunTimes(int h, unsigned char ch, unsigned int times) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    wire::PayloadBuilder b(5);
-    b.u8(ch).be32(times);
-    return channel_command(h, ch, kCmdSetSchRunTimes, b);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterSetSchRunTimes, (int h, unsigned char ch, unsigned int times),
+               LIN_EX_ERR_REPLY, {
+                 wire::PayloadBuilder b(5);
+                 b.u8(ch).be32(times);
+                 return channel_command(h, ch, kCmdSetSchRunTimes, b);
+               })
 
-VELTRIX_API int LIN_EX_MasterGetSch(int h, unsigned char ch, LIN_EX_MSG* out) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return get_schedule(h, ch, out); });
-}
+VELTRIX_EXPORT(int, LIN_EX_MasterGetSch, (int h, unsigned char ch, LIN_EX_MSG* out),
+               LIN_EX_ERR_REPLY, { return get_schedule(h, ch, out); })
 
-VELTRIX_API int LIN_EX_CtrlPowerOut(int h, unsigned char ch, unsigned char state) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    wire::PayloadBuilder b(2);
-    b.u8(state).u8(ch);  // the state comes first on this command
-    return channel_command(h, ch, kCmdPowerOut, b);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_CtrlPowerOut, (int h, unsigned char ch, unsigned char state),
+               LIN_EX_ERR_REPLY, {
+                 wire::PayloadBuilder b(2);
+                 b.u8(state).u8(ch);  // the state comes first on this command
+                 return channel_command(h, ch, kCmdPowerOut, b);
+               })
 
-VELTRIX_API int LIN_EX_GetVbatValue(int h, unsigned short* value) {
-  return guarded(LIN_EX_ERR_REPLY, [&] {
-    if (slot_of(h) < 0 || value == nullptr) return int(LIN_EX_ERR_PARAMETER);
-    uint8_t reply[2];
-    ExchangeResult r = lin_exchange(h, {.cmd = kCmdGetVbat, .reply = reply});
-    if (int code = lin_code(r)) return code;
-    if (r.reply_len != sizeof reply) return int(LIN_EX_ERR_REPLY);
-    *value = wire::get_be16(reply);
-    return int(LIN_EX_SUCCESS);
-  });
-}
+VELTRIX_EXPORT(int, LIN_EX_GetVbatValue, (int h, unsigned short* value), LIN_EX_ERR_REPLY, {
+  if (slot_of(h) < 0 || value == nullptr) return int(LIN_EX_ERR_PARAMETER);
+  uint8_t reply[2];
+  ExchangeResult r = lin_exchange(h, {.cmd = kCmdGetVbat, .reply = reply});
+  if (int code = lin_code(r)) return code;
+  if (r.reply_len != sizeof reply) return int(LIN_EX_ERR_REPLY);
+  *value = wire::get_be16(reply);
+  return int(LIN_EX_SUCCESS);
+})
 
 }  // extern "C"

@@ -91,16 +91,13 @@ using namespace veltrix::lin;
 
 extern "C" {
 
-VELTRIX_API int LIN_EX_SlaveSetIDMode(int h, unsigned char ch, const LIN_EX_MSG* recs, int n) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return set_id_mode(h, ch, recs, n); });
-}
+VELTRIX_EXPORT(int, LIN_EX_SlaveSetIDMode, (int h, unsigned char ch, const LIN_EX_MSG* recs, int n),
+               LIN_EX_ERR_REPLY, { return set_id_mode(h, ch, recs, n); })
 
-VELTRIX_API int LIN_EX_SlaveGetIDMode(int h, unsigned char ch, LIN_EX_MSG* out) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return get_id_mode(h, ch, out); });
-}
+VELTRIX_EXPORT(int, LIN_EX_SlaveGetIDMode, (int h, unsigned char ch, LIN_EX_MSG* out),
+               LIN_EX_ERR_REPLY, { return get_id_mode(h, ch, out); })
 
-VELTRIX_API int LIN_EX_SlaveGetData(int h, unsigned char ch, LIN_EX_MSG* out) {
-  return guarded(LIN_EX_ERR_REPLY, [&] { return slave_get_data(h, ch, out); });
-}
+VELTRIX_EXPORT(int, LIN_EX_SlaveGetData, (int h, unsigned char ch, LIN_EX_MSG* out),
+               LIN_EX_ERR_REPLY, { return slave_get_data(h, ch, out); })
 
 }  // extern "C"

@@ -187,58 +187,53 @@ using namespace veltrix::lin;
 
 extern "C" {
 
-VELTRIX_API int LIN_UDS_Request(int h, unsigned char ch, const LIN_UDS_ADDR* addr,
-                                const unsigned char* data, int len) {
-  return guarded(LIN_UDS_ERR_SEND, [&] { return request(h, ch, addr, data, len); });
-}
+VELTRIX_EXPORT(int, LIN_UDS_Request,
+               (int h, unsigned char ch, const LIN_UDS_ADDR* addr, const unsigned char* data,
+                int len),
+               LIN_UDS_ERR_SEND, { return request(h, ch, addr, data, len); })
 
-VELTRIX_API int LIN_UDS_Response(int h, unsigned char ch, const LIN_UDS_ADDR* addr,
-                                 unsigned char* data, int timeout_ms) {
-  return guarded(LIN_UDS_ERR_SEND, [&] { return response(h, ch, addr, data, timeout_ms); });
-}
+VELTRIX_EXPORT(int, LIN_UDS_Response,
+               (int h, unsigned char ch, const LIN_UDS_ADDR* addr, unsigned char* data,
+                int timeout_ms),
+               LIN_UDS_ERR_SEND, { return response(h, ch, addr, data, timeout_ms); })
 
-VELTRIX_API int LIN_UDS_SendMsg(int h, unsigned char ch, unsigned long long addr,
-                                const unsigned char* data, int len) {
-  return guarded(LIN_UDS_ERR_SEND, [&] { return send_msg(h, ch, addr, data, len); });
-}
+VELTRIX_EXPORT(int, LIN_UDS_SendMsg,
+               (int h, unsigned char ch, unsigned long long addr, const unsigned char* data,
+                int len),
+               LIN_UDS_ERR_SEND, { return send_msg(h, ch, addr, data, len); })
 
-VELTRIX_API int LIN_UDS_GetMsg(int h, unsigned char ch, unsigned long long addr,
-                               unsigned char* data) {
-  return guarded(LIN_UDS_ERR_SEND, [&] { return get_msg(h, ch, addr, data); });
-}
+VELTRIX_EXPORT(int, LIN_UDS_GetMsg,
+               (int h, unsigned char ch, unsigned long long addr, unsigned char* data),
+               LIN_UDS_ERR_SEND, { return get_msg(h, ch, addr, data); })
 
-VELTRIX_API int LIN_USD_CheckSendState(const LIN_EX_MSG* sent, const LIN_EX_MSG* got, int n) {
-  if (sent == nullptr || got == nullptr || n < 1) return 0;
-  for (int i = 0; i < n; ++i)
-    if (!confirms(sent[i], got[i])) return 0;
-  return 1;
-}
+VELTRIX_EXPORT(int, LIN_USD_CheckSendState, (const LIN_EX_MSG* sent, const LIN_EX_MSG* got, int n),
+               0, {
+                 if (sent == nullptr || got == nullptr || n < 1) return 0;
+                 for (int i = 0; i < n; ++i)
+                   if (!confirms(sent[i], got[i])) return 0;
+                 return 1;
+               })
 
-VELTRIX_API int LIN_USD_SetLINMsgToBuffer(int h, unsigned char ch, const LIN_EX_MSG* recs, int n) {
-  return guarded(LIN_UDS_ERR_SEND, [&] {
-    if (recs == nullptr && n > 0) return int(LIN_UDS_ERR_SEND);
-    std::span<const LIN_EX_MSG> s = n > 0 ? std::span<const LIN_EX_MSG>(recs, size_t(n))
-                                          : std::span<const LIN_EX_MSG>();
-    return buffer_append(slot_of(h), ch, s) ? int(LIN_UDS_OK) : int(LIN_UDS_ERR_SEND);
-  });
-}
+VELTRIX_EXPORT(int, LIN_USD_SetLINMsgToBuffer,
+               (int h, unsigned char ch, const LIN_EX_MSG* recs, int n), LIN_UDS_ERR_SEND, {
+                 if (recs == nullptr && n > 0) return int(LIN_UDS_ERR_SEND);
+                 std::span<const LIN_EX_MSG> s = n > 0
+                                                     ? std::span<const LIN_EX_MSG>(recs, size_t(n))
+                                                     : std::span<const LIN_EX_MSG>();
+                 return buffer_append(slot_of(h), ch, s) ? int(LIN_UDS_OK) : int(LIN_UDS_ERR_SEND);
+               })
 
-VELTRIX_API int LIN_UDS_GetMsgFromUDSBuffer(int h, unsigned char ch, LIN_EX_MSG* out, int size) {
-  return guarded(LIN_UDS_ERR_SEND, [&] {
-    if (out == nullptr) return int(LIN_UDS_ERR_SEND);
-    int n = buffer_take(slot_of(h), ch, {out, size_t(std::max(size, 0))});
-    return n < 0 ? int(LIN_UDS_ERR_SEND) : n;
-  });
-}
+VELTRIX_EXPORT(int, LIN_UDS_GetMsgFromUDSBuffer,
+               (int h, unsigned char ch, LIN_EX_MSG* out, int size), LIN_UDS_ERR_SEND, {
+                 if (out == nullptr) return int(LIN_UDS_ERR_SEND);
+                 int n = buffer_take(slot_of(h), ch, {out, size_t(std::max(size, 0))});
+                 return n < 0 ? int(LIN_UDS_ERR_SEND) : n;
+               })
 
-VELTRIX_API int LIN_USD_ClearCANMsgFromUDSBuffer(int h, unsigned char ch) {
-  return guarded(LIN_UDS_ERR_SEND, [&] {
-    return buffer_clear(slot_of(h), ch) ? int(LIN_UDS_OK) : int(LIN_UDS_ERR_SEND);
-  });
-}
+VELTRIX_EXPORT(int, LIN_USD_ClearCANMsgFromUDSBuffer, (int h, unsigned char ch), LIN_UDS_ERR_SEND,
+               { return buffer_clear(slot_of(h), ch) ? int(LIN_UDS_OK) : int(LIN_UDS_ERR_SEND); })
 
-VELTRIX_API unsigned long long LIN_UDS_PackAddr(const LIN_UDS_ADDR* addr) {
-  return addr ? pack(*addr) : 0;
-}
+VELTRIX_EXPORT(unsigned long long, LIN_UDS_PackAddr, (const LIN_UDS_ADDR* addr), 0,
+               { return addr ? pack(*addr) : 0; })
 
 }  // extern "C"
