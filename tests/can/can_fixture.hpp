@@ -36,14 +36,6 @@ inline sim::CanFrame sim_frame(uint32_t id, uint64_t time, uint8_t first_byte = 
   return f;
 }
 
-inline sim::Fault can_fault(sim::FaultKind kind, uint32_t code, uint32_t arg = 0) {
-  sim::Fault f;
-  f.kind = kind;
-  f.match_code = code;
-  f.arg = arg;
-  return f;
-}
-
 template <typename F>
 auto with_bus(sim::Model& m, F f) {
   std::scoped_lock g(sim::sim_mutex());

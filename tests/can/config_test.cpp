@@ -119,9 +119,9 @@ TEST_F(CanInit, RefusalAndFaultsKeepStoredState) {
   ASSERT_EQ(port.baud_rate.load(), 105000u);
 
   ASSERT_EQ(CAN_GetCANSpeedArg(kClassic, &c, 1000000), 0);
-  m->inject(can_fault(sim::FaultKind::ExtraPayload, 0x0C00, 1));
+  m->inject(fault(sim::FaultKind::ExtraPayload, 0x0C00, 1));
   EXPECT_EQ(CAN_Init(kClassic, 0, &c), -4);
-  m->inject(can_fault(sim::FaultKind::ShortHeader, 0x0C00));
+  m->inject(fault(sim::FaultKind::ShortHeader, 0x0C00));
   EXPECT_EQ(CAN_Init(kClassic, 0, &c), -4);
   EXPECT_EQ(port.baud_rate.load(), 105000u);
   EXPECT_EQ(CAN_Init(kClassic, 0, &c), 0);
@@ -162,7 +162,7 @@ TEST_F(CanFilter, BankNumberAndRegisterHalves) {
                 {0, 3, 1, 1, 0xD5, 0xE6, 0xF7, 0xAE, 0x00, 0x00, 0x00, 0x04, 0, 1},
                 {0, 3, 0, 1, 0xD5, 0xE6, 0xF7, 0xAE, 0xFF, 0xFF, 0xFF, 0xFE, 0, 0}}));
   EXPECT_EQ(CAN_Filter_Init(kClassic, 0, nullptr), CAN_ERR_PARAMETER);
-  m->inject(can_fault(sim::FaultKind::NoReply, 0x0C01));
+  m->inject(fault(sim::FaultKind::NoReply, 0x0C01));
   EXPECT_EQ(CAN_Filter_Init(kClassic, 0, &f), -4);
 }
 
@@ -192,12 +192,12 @@ TEST_F(CanStatus, DecodesErrorWordAfterUnacknowledgedFrames) {
   ASSERT_EQ(CAN_GetStatus(kClassic, 0, &s), 0);
   EXPECT_EQ(s.ErrorFlags, 7);
   EXPECT_EQ(s.TxErrorCounter, 255);
-  EXPECT_EQ(payloads(*m, 0x0C04).back(), Bytes{0});
+  EXPECT_THAT(payloads(*m, 0x0C04).back(), BytesEq({0}));
 }
 
 TEST_F(CanStatus, RawWordsAndFailures) {
   auto m = plug_and_open(kClassic);
-  sim::Fault raw = can_fault(sim::FaultKind::RawReply, 0x0C04);
+  sim::Fault raw = fault(sim::FaultKind::RawReply, 0x0C04);
   raw.raw = {0, 0, 0x0C, 0x04, 0, 0, 0, 8, 0x78, 0x56, 0x34, 0x12, 0x76, 0x00, 0x85, 0xC3};
   m->inject(raw);
   CAN_BUS_STATUS s{};
@@ -210,7 +210,7 @@ TEST_F(CanStatus, RawWordsAndFailures) {
   EXPECT_EQ(s.RxErrorCounter, 0xC3);
 
   CAN_BUS_STATUS before = s;
-  m->inject(can_fault(sim::FaultKind::WrongCode, 0x0C04, 0x0C03));
+  m->inject(fault(sim::FaultKind::WrongCode, 0x0C04, 0x0C03));
   EXPECT_EQ(CAN_GetStatus(kClassic, 1, &s), -4);
   EXPECT_EQ(std::memcmp(&before, &s, sizeof s), 0);
   EXPECT_EQ(CAN_GetStatus(kClassic, 1, nullptr), CAN_ERR_PARAMETER);

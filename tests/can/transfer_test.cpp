@@ -53,7 +53,7 @@ TEST_F(CanSend, ChunksOf500AndExactRecordBytes) {
   EXPECT_EQ(sent[1].size(), 10001u);
   EXPECT_EQ(sent[0][0], 1);
   const Bytes rec7(sent[0].begin() + 1 + 7 * 20, sent[0].begin() + 1 + 8 * 20);
-  EXPECT_EQ(rec7, (Bytes{0x67, 0x45, 0x23, 0x01, 0, 0, 0, 0, 0x01, 0x01, 2, 7, 0, 0, 0, 0, 0,
+  EXPECT_THAT(rec7, BytesEq({0x67, 0x45, 0x23, 0x01, 0, 0, 0, 0, 0x01, 0x01, 2, 7, 0, 0, 0, 0, 0,
                          0, 0, 0x42}));
 
   m->clear_record();
@@ -88,9 +88,9 @@ TEST_F(CanSend, CallerRecordsAreStampedAsSentByHost) {
 TEST_F(CanSend, ReplyFaultsGiveTheirCodes) {
   auto m = open_both(kClassic);
   auto frames = numbered(600);
-  m->inject(can_fault(sim::FaultKind::WrongCode, 0x0C02, 0x0C03));
+  m->inject(fault(sim::FaultKind::WrongCode, 0x0C02, 0x0C03));
   EXPECT_EQ(CAN_SendMsg(kClassic, 0, frames.data(), 600), -4);
-  sim::Fault late = can_fault(sim::FaultKind::NoReply, 0x0C02);
+  sim::Fault late = fault(sim::FaultKind::NoReply, 0x0C02);
   m->clear_record();
   ASSERT_EQ(CAN_SendMsg(kClassic, 0, frames.data(), 1), 1);
   m->inject(late);
@@ -136,7 +136,7 @@ TEST_F(CanSend, AbortInLaterChunkReturnsThatChunksCountAlone) {
 TEST_F(CanSend, SendInfoNeedsExactlyFourBytes) {
   auto m = open_both(kClassic);
   CAN_TX_INFO info{9, 9, 9, 9};
-  m->inject(can_fault(sim::FaultKind::ExtraPayload, 0x0C0B, 1));
+  m->inject(fault(sim::FaultKind::ExtraPayload, 0x0C0B, 1));
   EXPECT_EQ(CAN_GetSendMsgInfo(kClassic, 0, &info), -4);
   EXPECT_EQ(info.QueuedCount, 9);
   auto f = numbered(3);
@@ -244,7 +244,7 @@ TEST_F(CanReceive, DirectReadCutsOverlongReply) {
   wire::put_be32(len, uint32_t(payload.size()));
   raw.insert(raw.end(), len, len + 4);
   raw.insert(raw.end(), payload.begin(), payload.end());
-  sim::Fault f = can_fault(sim::FaultKind::RawReply, 0x0C03);
+  sim::Fault f = fault(sim::FaultKind::RawReply, 0x0C03);
   f.raw = raw;
   m->inject(f);
   std::vector<CAN_MSG> rx(CAN_READ_MSG_MAX + 1);
@@ -299,7 +299,7 @@ TEST_F(CanReceive, FailedPollStopsPollingThatPort) {
   auto m = open_both(kClassic);
   auto& slot = can::state().slot[*can::slot_of(kClassic)];
   // A reply with payload under the wrong code: drained, and the poll fails.
-  m->inject(can_fault(sim::FaultKind::WrongCode, 0x0C03, 0x0C04));
+  m->inject(fault(sim::FaultKind::WrongCode, 0x0C03, 0x0C04));
   sim::can_inject_rx(*m, 0, {sim_frame(0x66, 4)});
   ASSERT_EQ(CAN_StartGetMsg(kClassic, 0), 0);
   for (int i = 0; i < 500 && slot.port[0].run.load(); ++i)

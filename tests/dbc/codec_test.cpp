@@ -10,6 +10,7 @@
 #include <random>
 
 #include "dbc_test_util.hpp"
+#include "tests/support/seed.hpp"
 
 namespace veltrix::dbc {
 namespace {
@@ -160,12 +161,7 @@ void reference_write(uint64_t raw, unsigned start, unsigned length, uint8_t* dat
   }
 }
 
-unsigned seed_from_env() {
-  const char* s = std::getenv("VELTRIX_TEST_SEED");
-  unsigned seed = s ? unsigned(std::strtoul(s, nullptr, 0)) : std::random_device{}();
-  std::printf("DBC codec property seed: %u (set VELTRIX_TEST_SEED to repeat)\n", seed);
-  return seed;
-}
+unsigned seed_from_env() { return veltrix::test::test_seed("DBC codec property"); }
 
 // A random signal that fits a 64-byte image, and the raw value it can hold.
 struct RandomSignal {

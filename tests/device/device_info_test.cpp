@@ -7,6 +7,7 @@
 
 #include "device/build_time.hpp"
 #include "tests/device/device_services_support.hpp"
+#include "tests/support/seed.hpp"
 #include "veltrix/device.h"
 #include "veltrix/usb_device.h"
 
@@ -244,9 +245,7 @@ TEST(DevCrc, CheckValueAndEmptyInput) {
 }
 
 TEST(DevCrc, MatchesBitwiseReference) {
-  unsigned seed = std::random_device{}();
-  if (const char* s = std::getenv("VELTRIX_SEED")) seed = unsigned(std::strtoul(s, nullptr, 0));
-  std::printf("VELTRIX_SEED=%u\n", seed);
+  const unsigned seed = test_seed("CRC reference comparison");
   std::mt19937 rng(seed);
   for (int round = 0; round < 200; ++round) {
     Bytes data(rng() % 300);

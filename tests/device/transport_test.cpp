@@ -58,7 +58,7 @@ TEST_F(Transport, FrameIsBigEndianHeaderThenPayload) {
   ASSERT_EQ(cmds.size(), 1u);
   EXPECT_EQ(cmds[0].endpoint, 1);
   EXPECT_EQ(cmds[0].code, 0x01020304u);
-  EXPECT_EQ(cmds[0].payload, (Bytes{0xDE, 0xAD, 0xBE}));
+  EXPECT_THAT(cmds[0].payload, BytesEq({0xDE, 0xAD, 0xBE}));
   EXPECT_EQ(out_lengths(*m), (std::vector<size_t>{11}));
 }
 

@@ -67,7 +67,7 @@ TEST_F(LdfBus, OpeningSetsUpTheChannelAtTheFilesSpeed) {
   EXPECT_EQ(h_->MasterMode, 1);
   LDF_CODING* slave = LDF_ParserFile(kLinDev, 2, 0, ldftest::write_temp(kFile).c_str());
   ASSERT_NE(slave, nullptr);
-  EXPECT_EQ(sent(0x0F06).back(), (Bytes{2, 0x00, 0x00, 0x4B, 0x00, 0}));
+  EXPECT_THAT(sent(0x0F06).back(), BytesEq({2, 0x00, 0x00, 0x4B, 0x00, 0}));
   EXPECT_EQ(slave->MasterMode, 0);
   EXPECT_EQ(LDF_Release(slave), 0);
   // Channel 4 does not exist: the set-up fails and no handle is returned.

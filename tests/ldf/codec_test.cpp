@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ldf_fixture.hpp"
+#include "tests/support/seed.hpp"
 
 using namespace ldftest;
 
@@ -193,9 +194,7 @@ uint64_t reference_extract(const unsigned char* data, int size_bytes, int start,
 }  // namespace
 
 TEST_F(LdfCodec, PackAndUnpackMatchBitByBitReference) {
-  unsigned seed = std::getenv("LDF_TEST_SEED") ? unsigned(std::atoi(std::getenv("LDF_TEST_SEED")))
-                                               : std::random_device{}();
-  std::printf("LdfCodec random seed: %u (set LDF_TEST_SEED to repeat)\n", seed);
+  const unsigned seed = veltrix::test::test_seed("LDF codec reference comparison");
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937_64 rng(seed);
   for (int round = 0; round < 2000; ++round) {

@@ -13,9 +13,9 @@ TEST_F(LinMaster, InitSendsRateAndModeAndReplacesRatesBelow100) {
   EXPECT_EQ(LIN_EX_Init(kLinDev, 3, 99, 7), 0);
   auto p = sent(0x0F06);
   ASSERT_EQ(p.size(), 3u);
-  EXPECT_EQ(p[0], (Bytes{1, 0x00, 0x00, 0x4B, 0x00, 1}));
-  EXPECT_EQ(p[1], (Bytes{2, 0x00, 0x00, 0x25, 0x80, 0}));
-  EXPECT_EQ(p[2], (Bytes{3, 0x00, 0x00, 0x25, 0x80, 7}));
+  EXPECT_THAT(p[0], BytesEq({1, 0x00, 0x00, 0x4B, 0x00, 1}));
+  EXPECT_THAT(p[1], BytesEq({2, 0x00, 0x00, 0x25, 0x80, 0}));
+  EXPECT_THAT(p[2], BytesEq({3, 0x00, 0x00, 0x25, 0x80, 7}));
   with_bus([](sim::LinBus& b) { EXPECT_EQ(b.ch[3].baud, 9600u); });
 }
 
@@ -84,7 +84,7 @@ TEST_F(LinMaster, ReadsNodesAndJudgesTheirChecksums) {
   });
   uint8_t d[8] = {};
   EXPECT_EQ(LIN_EX_MasterRead(kLinDev, 0, 0x10, d), 4);
-  EXPECT_EQ(Bytes(d, d + 4), (Bytes{0x11, 0x22, 0x33, 0x44}));
+  EXPECT_THAT(Bytes(d, d + 4), BytesEq({0x11, 0x22, 0x33, 0x44}));
   EXPECT_EQ(LIN_EX_MasterRead(kLinDev, 0, 0x11, d), 8);
   EXPECT_EQ(LIN_EX_MasterRead(kLinDev, 0, 0x21, d), 0);
   EXPECT_EQ(LIN_EX_MasterRead(kLinDev, 0, 0x22, d), 0);

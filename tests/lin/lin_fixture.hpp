@@ -75,14 +75,8 @@ class LinTest : public SimTest {
   }
   std::vector<Bytes> sent(uint32_t code) { return payloads(*m_, code); }
   void raw_reply(uint32_t code, const Bytes& payload) {
-    sim::Fault f;
-    f.kind = sim::FaultKind::RawReply;
-    f.match_code = code;
-    wire::PayloadBuilder b;
-    b.be32(code).be32(uint32_t(payload.size())).bytes(payload);
-    f.raw = b.vec();
     std::scoped_lock g(sim::sim_mutex());
-    m_->inject(f);
+    m_->inject(test::raw_reply(code, payload));
   }
 
   std::shared_ptr<sim::Model> m_;

@@ -58,10 +58,10 @@ TEST_F(LinUds, LongRequestsAreCutTo4095BytesAndSequenceNumbersWrap) {
   ASSERT_EQ(LIN_UDS_Request(kLinDev, kCh, &addr_, req.data(), 4096), 0);
   auto f = request_frames();
   ASSERT_EQ(f.size(), 683u);  // first frame + ceil(4090 / 6)
-  EXPECT_EQ(f[0], (Bytes{kNad, 0x1F, 0xFF, 0, 1, 2, 3, 4}));
+  EXPECT_THAT(f[0], BytesEq({kNad, 0x1F, 0xFF, 0, 1, 2, 3, 4}));
   EXPECT_EQ(f[15][1], 0x2F);
   EXPECT_EQ(f[16][1], 0x20);
-  EXPECT_EQ(f[682], (Bytes{kNad, 0x2A, 0xFB, 0xFC, 0xFD, 0xFE, 0xFF, 0xFF}));
+  EXPECT_THAT(f[682], BytesEq({kNad, 0x2A, 0xFB, 0xFC, 0xFD, 0xFE, 0xFF, 0xFF}));
   with_bus([&](sim::LinBus& b) {
     ASSERT_EQ(slave(b).requests.size(), 1u);
     EXPECT_EQ(slave(b).requests[0], Bytes(req.begin(), req.begin() + 4095));
@@ -71,10 +71,10 @@ TEST_F(LinUds, LongRequestsAreCutTo4095BytesAndSequenceNumbersWrap) {
 TEST_F(LinUds, ReadsSingleAndSegmentedResponses) {
   uint8_t resp[LIN_UDS_MAX_LEN];
   ASSERT_EQ(exchange({0x3E, 0x00}, resp), 2);
-  EXPECT_EQ(Bytes(resp, resp + 2), (Bytes{0x7E, 0x00}));
+  EXPECT_THAT(Bytes(resp, resp + 2), BytesEq({0x7E, 0x00}));
 
   ASSERT_EQ(exchange({0x22, 0xF1, 0x90}, resp), 20);
-  EXPECT_EQ(Bytes(resp, resp + 3), (Bytes{0x62, 0xF1, 0x90}));
+  EXPECT_THAT(Bytes(resp, resp + 3), BytesEq({0x62, 0xF1, 0x90}));
   EXPECT_EQ(std::string(reinterpret_cast<char*>(resp) + 3, 17), "VLTX0000000000017");
 
   Bytes big(300);
@@ -88,10 +88,10 @@ TEST_F(LinUds, ResponsePendingComesBackAsItsOwnAnswer) {
   with_bus([&](sim::LinBus& b) { slave(b).pending_before_answer = 2; });
   uint8_t resp[LIN_UDS_MAX_LEN];
   ASSERT_EQ(exchange({0x31, 0x01, 0xFF, 0x00}, resp), 3);
-  EXPECT_EQ(Bytes(resp, resp + 3), (Bytes{0x7F, 0x31, 0x78}));
+  EXPECT_THAT(Bytes(resp, resp + 3), BytesEq({0x7F, 0x31, 0x78}));
   ASSERT_EQ(LIN_UDS_Response(kLinDev, kCh, &addr_, resp, 2000), 3);
   ASSERT_EQ(LIN_UDS_Response(kLinDev, kCh, &addr_, resp, 2000), 4);
-  EXPECT_EQ(Bytes(resp, resp + 4), (Bytes{0x71, 0x01, 0xFF, 0x00}));
+  EXPECT_THAT(Bytes(resp, resp + 4), BytesEq({0x71, 0x01, 0xFF, 0x00}));
 }
 
 TEST_F(LinUds, MalformedResponsesGiveTheirCodes) {

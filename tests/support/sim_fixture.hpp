@@ -12,10 +12,10 @@
 
 #include "sim/model.hpp"
 #include "sim/testbed.hpp"
+#include "tests/support/bytes.hpp"
+#include "tests/support/faults.hpp"
 
 namespace veltrix::test {
-
-using Bytes = std::vector<uint8_t>;
 
 class SimTest : public ::testing::Test {
  protected:
