@@ -1,4 +1,5 @@
 // The exported DBC functions: a flat interface around DBC_Decoder.
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -279,7 +280,9 @@ VELTRIX_EXPORT(int, DBC_SyncValueToCANMsg,
                  pCANMsg->FrameFlags = 0;
                  pCANMsg->ID = m.id & 0x1FFFFFFFu;
                  pCANMsg->ExtFlag = uint8_t(m.id >> 31);
-                 pCANMsg->DataLen = m.dlc;
+                 // A file may declare more than 8 bytes (or anything up to 255); the record holds
+                 // 8, and applications copy DataLen bytes out of it.
+                 pCANMsg->DataLen = uint8_t(std::min<uint32_t>(m.dlc, kCanDataBytes));
                  return DBC_OK;
                })
 

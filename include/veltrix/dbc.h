@@ -103,7 +103,7 @@ VELTRIX_API int DBC_SyncCANFDMsgToValue(long long DBCHandle, const CANFD_MSG* pC
 /* Encodes the current signal values of the first message called pMsgName into *pCANMsg:
  * Data is cleared and filled (a multiplexed signal only when its multiplex value is the
  * one the switch holds), FrameFlags = 0, ID = message id & 0x1FFFFFFF, ExtFlag = 1 for an
- * extended id, DataLen = the DLC of the file. TimeStamp and TimeStampHigh are not touched.
+ * extended id, DataLen = the DLC of the file, at most 8 (the bytes the record holds). TimeStamp and TimeStampHigh are not touched.
  * The database is not changed. Returns 0; -3, -4, -5 (*pCANMsg then untouched). */
 VELTRIX_API int DBC_SyncValueToCANMsg(long long DBCHandle, const char* pMsgName,
                                       CAN_MSG* pCANMsg);

@@ -1,6 +1,7 @@
 // Every sample file parses, with the counts and a few signals as the files state them.
 #include <gtest/gtest.h>
 
+#include "tests/support/corpus.hpp"
 #include "dbc_test_util.hpp"
 
 namespace veltrix::dbc {
@@ -34,7 +35,9 @@ const DBC_SIGNAL& sig(DBC_Decoder& db, const char* m, const char* s) {
   return out ? *out : none;
 }
 
-TEST(DbcCorpus, EveryFileParsesWithItsMessageAndSignalCounts) {
+class DbcCorpus : public veltrix::test::CorpusTest {};
+
+TEST_F(DbcCorpus, EveryFileParsesWithItsMessageAndSignalCounts) {
   for (const Expect& e : kCorpus) {
     auto db = load(e.file);
     ASSERT_TRUE(db);
@@ -45,7 +48,7 @@ TEST(DbcCorpus, EveryFileParsesWithItsMessageAndSignalCounts) {
   }
 }
 
-TEST(DbcCorpus, MotorolaSignedSignalOfACrlfFile) {
+TEST_F(DbcCorpus, MotorolaSignedSignalOfACrlfFile) {
   auto db = load("motohawk.dbc");
   const DBC_MESSAGE& m = db->messages().at(0);
   EXPECT_EQ(m.name, "ExampleMessage");
@@ -66,7 +69,7 @@ TEST(DbcCorpus, MotorolaSignedSignalOfACrlfFile) {
   EXPECT_EQ(sig(*db, "ExampleMessage", "Enable").valueTable, enable);  // CRLF line
 }
 
-TEST(DbcCorpus, FrameFormatAttributesOfFoobar) {
+TEST_F(DbcCorpus, FrameFormatAttributesOfFoobar) {
   auto db = load("foobar.dbc");
   const auto& msgs = db->messages();
   EXPECT_EQ(msgs[0].id, 2147558192u);  // ExtendedCAN
@@ -82,7 +85,7 @@ TEST(DbcCorpus, FrameFormatAttributesOfFoobar) {
   EXPECT_EQ(sig(*db, "CanFd", "Fas").startBit, 64);
 }
 
-TEST(DbcCorpus, FloatsMultiplexersAndExtendedIds) {
+TEST_F(DbcCorpus, FloatsMultiplexersAndExtendedIds) {
   auto fp = load("floating_point.dbc");
   EXPECT_EQ(sig(*fp, "Message1", "Signal1").valueType, uint32_t(VALUE_FLOAT64));
   EXPECT_EQ(sig(*fp, "Message2", "Signal2").valueType, uint32_t(VALUE_FLOAT32));
@@ -100,7 +103,7 @@ TEST(DbcCorpus, FloatsMultiplexersAndExtendedIds) {
   EXPECT_EQ(sig(*tesla, "UI_autopilotControl", "UI_hovEnabled").multiplexMode, MUX_SELECTED);
 }
 
-TEST(DbcCorpus, EncodingsAreKeptByteForByte) {
+TEST_F(DbcCorpus, EncodingsAreKeptByteForByte) {
   auto abs = load("abs.dbc");
   EXPECT_EQ(sig(*abs, "BREMSE_33", "whlspeed_FL").comment,
             "Radgeschwindigkeit / wheel speed absCtrl FL");
@@ -129,7 +132,7 @@ TEST(DbcCorpus, EncodingsAreKeptByteForByte) {
   EXPECT_EQ(sig(*vw, "ACC_01", "ACC_01_CHK").receivers.front(), "Magnetic_Ride_LB");
 }
 
-TEST(DbcCorpus, CanFdPayloadsOfBigEndianFile) {
+TEST_F(DbcCorpus, CanFdPayloadsOfBigEndianFile) {
   auto gwm = load("gwm_haval_h6_phev_2024.dbc");
   const DBC_MESSAGE& m = gwm->messages().at(0);
   EXPECT_EQ(m.name, "CAR_OVERALL_SIGNALS2");

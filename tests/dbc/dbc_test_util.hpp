@@ -16,6 +16,12 @@ namespace veltrix::dbc::test {
 // Device handle whose registry position the registry reports without a scan.
 constexpr int kDirectDevice = int(0xFF000000u);
 
+// DBC files written for these tests, kept beside them.
+inline std::string fixture(const std::string& name) {
+  return std::string(VELTRIX_FIXTURE_DIR) + "/dbc/" + name;
+}
+
+// The sample files from outside the repository (suites reading them skip without them).
 inline std::string corpus(const std::string& name) {
   return std::string(VELTRIX_CORPUS_DIR) + "/dbc/" + name;
 }

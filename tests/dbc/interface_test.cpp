@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/corpus.hpp"
 #include "dbc_test_util.hpp"
 #include "veltrix/dbc.h"
 
@@ -280,8 +281,9 @@ TEST_F(DbcInterface, ValuesAreClampedAndFormatted) {
   EXPECT_EQ(DBC_GetSignalValue(h_, "Names", "T", nullptr), DBC_ERR_ARGUMENT);
 }
 
-TEST(DbcInterfaceCorpus, EverySignalOfALargeFileRoundTripsThroughAFrame) {
-  const std::string path = test::corpus("vw_mlb.dbc");
+// Sets every signal of every message of a file to a value in its range, packs the frame,
+// decodes it again and compares; counts the signal values compared in *checked.
+void round_trip_every_signal(const std::string& path, size_t* checked_out) {
   long long h = DBC_ParserFile(kDirectDevice, path.c_str());
   ASSERT_NE(h, 0);
   auto meta = DBC_Decoder::load(path, nullptr);  // ranges and layouts, to pick values
@@ -302,10 +304,18 @@ TEST(DbcInterfaceCorpus, EverySignalOfALargeFileRoundTripsThroughAFrame) {
       ASSERT_EQ(DBC_SetSignalValue(h, m.name.c_str(), s.name.c_str(), value), DBC_OK);
       sent.emplace_back(s.name, value);
     }
-    CAN_MSG f{};
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, m.name.c_str(), &f), DBC_OK);
-    EXPECT_EQ(f.ID | (uint32_t(f.ExtFlag) << 31), m.id);
-    ASSERT_EQ(DBC_SyncCANMsgToValue(h, &f, 1), DBC_OK);
+    if (m.dlc > 8) {  // only a CAN FD record carries the bytes past the eighth
+      CANFD_MSG f{};
+      ASSERT_EQ(DBC_SyncValueToCANFDMsg(h, m.name.c_str(), &f), DBC_OK);
+      EXPECT_EQ(f.ID, m.id);
+      ASSERT_EQ(DBC_SyncCANFDMsgToValue(h, &f, 1), DBC_OK);
+    } else {
+      CAN_MSG f{};
+      ASSERT_EQ(DBC_SyncValueToCANMsg(h, m.name.c_str(), &f), DBC_OK);
+      EXPECT_EQ(f.ID | (uint32_t(f.ExtFlag) << 31), m.id);
+      EXPECT_EQ(f.DataLen, m.dlc);
+      ASSERT_EQ(DBC_SyncCANMsgToValue(h, &f, 1), DBC_OK);
+    }
     for (const auto& [name, value] : sent) {
       double back = 0;
       ASSERT_EQ(DBC_GetSignalValue(h, m.name.c_str(), name.c_str(), &back), DBC_OK);
@@ -313,8 +323,34 @@ TEST(DbcInterfaceCorpus, EverySignalOfALargeFileRoundTripsThroughAFrame) {
       ++checked;
     }
   }
-  EXPECT_GT(checked, 500u);
   EXPECT_EQ(DBC_Release(h), DBC_OK);
+  *checked_out = checked;
+}
+
+TEST(DbcInterfaceFixture, EverySignalOfTheSuitesFileRoundTripsThroughAFrame) {
+  size_t checked = 0;
+  round_trip_every_signal(test::fixture("body_gateway.dbc"), &checked);
+  EXPECT_GE(checked, 15u);
+}
+
+TEST(DbcInterfaceFixture, AClassicRecordNeverCarriesALengthBeyondItsEightBytes) {
+  const long long h = DBC_ParserFile(kDirectDevice, test::fixture("body_gateway.dbc").c_str());
+  ASSERT_NE(h, 0);
+  CAN_MSG f{};
+  f.DataLen = 0xEE;
+  ASSERT_EQ(DBC_SyncValueToCANMsg(h, "ICM_Display", &f), DBC_OK);  // 64 bytes in the file
+  EXPECT_EQ(f.DataLen, 8);
+  ASSERT_EQ(DBC_SyncValueToCANMsg(h, "BCM_Lamps", &f), DBC_OK);
+  EXPECT_EQ(f.DataLen, 6);
+  EXPECT_EQ(DBC_Release(h), DBC_OK);
+}
+
+class DbcInterfaceCorpus : public veltrix::test::CorpusTest {};
+
+TEST_F(DbcInterfaceCorpus, EverySignalOfALargeFileRoundTripsThroughAFrame) {
+  size_t checked = 0;
+  round_trip_every_signal(test::corpus("vw_mlb.dbc"), &checked);
+  EXPECT_GT(checked, 500u);
 }
 
 }  // namespace

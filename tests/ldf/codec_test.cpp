@@ -145,7 +145,7 @@ TEST_F(LdfCodec, FrameRawValueGoldenVectors) {
 TEST_F(LdfCodec, PackingRefusedAfterALoadForAnUnknownDevice) {
   unsigned char data[8];
   ASSERT_EQ(LDF_GetFrameRawValue(h.h, "Small", data), 0);
-  EXPECT_EQ(veltrix::ldf::parse_handle(kUnknownDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
+  EXPECT_EQ(veltrix::ldf::parse_handle(kUnknownDevice, 0, 1, fixture("seat_heater.ldf").c_str()), nullptr);
   EXPECT_EQ(LDF_GetFrameRawValue(h.h, "Small", data), -3);
   EXPECT_EQ(LDF_SetFrameRawValue(h.h, "Small", data), -3);
   EXPECT_EQ(LDF_DataFrameToRaw(ldftest::frame(h.h, "Small"), 1, data), -3);

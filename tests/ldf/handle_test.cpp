@@ -10,7 +10,7 @@ namespace {
 
 class LdfHandle : public ::testing::Test {
  protected:
-  LdfHandle() : h(corpus("lin_diagnostics.ldf")) {}
+  LdfHandle() : h(fixture("cabin_lights.ldf")) {}
   Handle h;
   char name[256] = {};
 };
@@ -31,19 +31,19 @@ TEST_F(LdfHandle, ParseStoresDeviceChannelAndMode) {
   EXPECT_EQ(h->LINIndex, 0);
   EXPECT_EQ(h->MasterMode, 1);
   EXPECT_EQ(h->Initialized, 0);  // no LIN channel set up
-  LDF_CODING* slave = veltrix::ldf::parse_handle(kDevice, 3, 7, corpus("j2602_1.ldf").c_str());
+  LDF_CODING* slave = veltrix::ldf::parse_handle(kDevice, 3, 7, fixture("seat_heater.ldf").c_str());
   ASSERT_NE(slave, nullptr);
   EXPECT_EQ(slave->LINIndex, 3);
   EXPECT_EQ(slave->MasterMode, 1);  // any non-zero flag
   EXPECT_EQ(LDF_Release(slave), 0);
-  LDF_CODING* s0 = veltrix::ldf::parse_handle(kDevice, 1, 0, corpus("j2602_1.ldf").c_str());
+  LDF_CODING* s0 = veltrix::ldf::parse_handle(kDevice, 1, 0, fixture("seat_heater.ldf").c_str());
   ASSERT_NE(s0, nullptr);
   EXPECT_EQ(s0->MasterMode, 0);
   EXPECT_EQ(LDF_Release(s0), 0);
   EXPECT_EQ(LDF_Release(s0), -4);  // not a live handle any more
   EXPECT_EQ(LDF_Release(nullptr), -4);
   // Without an adapter behind the device the channel set-up fails: no handle.
-  EXPECT_EQ(LDF_ParserFile(kDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
+  EXPECT_EQ(LDF_ParserFile(kDevice, 0, 1, fixture("seat_heater.ldf").c_str()), nullptr);
 }
 
 TEST_F(LdfHandle, HeaderAndCounts) {
@@ -52,52 +52,52 @@ TEST_F(LdfHandle, HeaderAndCounts) {
   EXPECT_EQ(LDF_GetFrameQuantity(h.h), 7);
   EXPECT_EQ(LDF_GetSchQuantity(h.h), 5);
   EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, "MasterReq"), 8);
-  EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, "LSM_Frm2"), 2);
-  EXPECT_EQ(LDF_GetSchFrameQuantity(h.h, "Collision_resolver"), 8);
-  EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, "lsm_frm2"), -5);  // case-sensitive
+  EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, "DDM_Stat"), 2);
+  EXPECT_EQ(LDF_GetSchFrameQuantity(h.h, "Door_resolver"), 8);
+  EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, "ddm_stat"), -5);  // case-sensitive
   EXPECT_EQ(LDF_GetSchFrameQuantity(h.h, "nope"), -5);
   EXPECT_EQ(LDF_GetFrameSignalQuantity(h.h, nullptr), -5);
 }
 
 TEST_F(LdfHandle, NamesByIndexAndTheirBounds) {
   ASSERT_EQ(LDF_GetFrameName(h.h, 0, name), 0);
-  EXPECT_STREQ(name, "CEM_Frm1");
+  EXPECT_STREQ(name, "BCM_Cmd");
   ASSERT_EQ(LDF_GetFrameName(h.h, 6, name), 0);
   EXPECT_STREQ(name, "SlaveResp");
   EXPECT_EQ(LDF_GetFrameName(h.h, 7, name), -5);
   EXPECT_EQ(LDF_GetFrameName(h.h, -1, name), -5);
   ASSERT_EQ(LDF_GetSchName(h.h, 4, name), 0);
-  EXPECT_STREQ(name, "Collision_resolver");
+  EXPECT_STREQ(name, "Door_resolver");
   EXPECT_EQ(LDF_GetSchName(h.h, 5, name), -5);
-  ASSERT_EQ(LDF_GetFrameSignalName(h.h, "LSM_Frm2", 1, name), 0);
-  EXPECT_STREQ(name, "IntTest");
-  EXPECT_EQ(LDF_GetFrameSignalName(h.h, "LSM_Frm2", 2, name), -5);
-  ASSERT_EQ(LDF_GetSchFrameName(h.h, "Normal_Schedule", 3, name), 0);
-  EXPECT_STREQ(name, "Node_Status_Event");
-  EXPECT_EQ(LDF_GetSchFrameName(h.h, "Normal_Schedule", 4, name), -5);
+  ASSERT_EQ(LDF_GetFrameSignalName(h.h, "DDM_Stat", 1, name), 0);
+  EXPECT_STREQ(name, "SelfCheck");
+  EXPECT_EQ(LDF_GetFrameSignalName(h.h, "DDM_Stat", 2, name), -5);
+  ASSERT_EQ(LDF_GetSchFrameName(h.h, "Run_Schedule", 3, name), 0);
+  EXPECT_STREQ(name, "Door_Event");
+  EXPECT_EQ(LDF_GetSchFrameName(h.h, "Run_Schedule", 4, name), -5);
 }
 
 TEST_F(LdfHandle, PublisherAndMasterName) {
-  ASSERT_EQ(LDF_GetFramePublisher(h.h, "RSM_Frm1", name), 0);
-  EXPECT_STREQ(name, "RSM");
+  ASSERT_EQ(LDF_GetFramePublisher(h.h, "PDM_Dim", name), 0);
+  EXPECT_STREQ(name, "PDM");
   ASSERT_EQ(LDF_GetFramePublisher(h.h, "MasterReq", name), 0);
-  EXPECT_STREQ(name, "CEM");
+  EXPECT_STREQ(name, "BCM");
   std::strcpy(name, "untouched");
   ASSERT_EQ(LDF_GetFramePublisher(h.h, "SlaveResp", name), 0);  // no publisher
   EXPECT_STREQ(name, "untouched");
   EXPECT_EQ(LDF_GetFramePublisher(h.h, "Nope", name), -5);
   ASSERT_EQ(LDF_GetMasterName(h.h, name), 0);
-  EXPECT_STREQ(name, "CEM");
+  EXPECT_STREQ(name, "BCM");
   Handle none(write_temp("Frames { F: 1, M, 1 { } }"));
   EXPECT_EQ(LDF_GetMasterName(none.h, name), -5);
 }
 
 TEST_F(LdfHandle, SignalFunctionsReportMissingFrameOrSignal) {
   double v = 0;
-  EXPECT_EQ(LDF_GetSignalValue(h.h, "Nope", "IntTest", &v), -6);
-  EXPECT_EQ(LDF_GetSignalValue(h.h, "LSM_Frm2", "Nope", &v), -6);
-  EXPECT_EQ(LDF_SetSignalValue(h.h, "LSM_Frm1", "IntTest", 1), -6);  // signal of another frame
-  EXPECT_EQ(LDF_GetSignalValueStr(h.h, "LSM_Frm2", nullptr, name), -6);
+  EXPECT_EQ(LDF_GetSignalValue(h.h, "Nope", "SelfCheck", &v), -6);
+  EXPECT_EQ(LDF_GetSignalValue(h.h, "DDM_Stat", "Nope", &v), -6);
+  EXPECT_EQ(LDF_SetSignalValue(h.h, "DDM_Dim", "SelfCheck", 1), -6);  // signal of another frame
+  EXPECT_EQ(LDF_GetSignalValueStr(h.h, "DDM_Stat", nullptr, name), -6);
   unsigned char data[8] = {};
   EXPECT_EQ(LDF_GetFrameRawValue(h.h, "Nope", data), -6);
   EXPECT_EQ(LDF_SetFrameRawValue(h.h, "Nope", data), -6);
@@ -111,12 +111,12 @@ TEST_F(LdfHandle, NullHandleAndNullOutputs) {
   double v;
   EXPECT_EQ(LDF_GetProtocolVersion(nullptr), -4);
   EXPECT_EQ(LDF_GetFrameName(h.h, 0, nullptr), -4);
-  EXPECT_EQ(LDF_GetFrameSignalQuantity(nullptr, "CEM_Frm1"), -4);
-  EXPECT_EQ(LDF_SetSignalValue(nullptr, "CEM_Frm1", "InternalLightsRequest", 1), -4);
-  EXPECT_EQ(LDF_GetSignalValue(h.h, "CEM_Frm1", "InternalLightsRequest", nullptr), -4);
-  EXPECT_EQ(LDF_GetFrameRawValue(h.h, "CEM_Frm1", nullptr), -4);
+  EXPECT_EQ(LDF_GetFrameSignalQuantity(nullptr, "BCM_Cmd"), -4);
+  EXPECT_EQ(LDF_SetSignalValue(nullptr, "BCM_Cmd", "CabinLightCmd", 1), -4);
+  EXPECT_EQ(LDF_GetSignalValue(h.h, "BCM_Cmd", "CabinLightCmd", nullptr), -4);
+  EXPECT_EQ(LDF_GetFrameRawValue(h.h, "BCM_Cmd", nullptr), -4);
   EXPECT_EQ(LDF_DataRawToFrame(&h->Frames[0], nullptr), -4);
-  EXPECT_EQ(LDF_GetSignalValue(h.h, "CEM_Frm1", "InternalLightsRequest", &v), 0);
+  EXPECT_EQ(LDF_GetSignalValue(h.h, "BCM_Cmd", "CabinLightCmd", &v), 0);
 }
 
 TEST(LdfHandleDuplicates, FirstMatchWinsAndIndexedLookupsSkipShortRecords) {

@@ -21,6 +21,13 @@ namespace ldftest {
 inline constexpr int kDevice = int(0xFF000000u);
 inline constexpr int kUnknownDevice = 0x12345678;
 
+// LDF files written for these tests, kept beside them.
+inline std::string fixture(const std::string& name) {
+  return std::string(VELTRIX_FIXTURE_DIR) + "/ldf/" + name;
+}
+
+// The sample files from outside the repository; suites that read them derive from
+// CorpusTest and skip when they are absent.
 inline std::string corpus(const std::string& name) {
   return std::string(VELTRIX_CORPUS_DIR) + "/ldf/" + name;
 }
@@ -65,6 +72,25 @@ struct Handle {
 inline LDF_LIN_FRAME* frame(const LDF_CODING* c, const std::string& name) {
   for (int i = 0; i < c->FrameNum; ++i)
     if (name == c->Frames[i].Name) return &c->Frames[i];
+  return nullptr;
+}
+
+// Record views used by the file checks.
+inline std::vector<std::string> signal_names(const LDF_LIN_FRAME* f) {
+  std::vector<std::string> out;
+  for (int i = 0; i < f->SignalNum; ++i) out.push_back(f->Signals[i].Name);
+  return out;
+}
+
+inline std::vector<std::string> schedule_entries(const LDF_LIN_SCH& s) {
+  std::vector<std::string> out;
+  for (int i = 0; i < s.FrameNum; ++i) out.push_back(s.Frames[i].Frame.Name);
+  return out;
+}
+
+inline const LDF_NODE_ATTR* node(const LDF_CODING* c, const std::string& name) {
+  for (int i = 0; i < c->NodeAttrNum; ++i)
+    if (name == c->NodeAttrs[i].Name) return &c->NodeAttrs[i];
   return nullptr;
 }
 

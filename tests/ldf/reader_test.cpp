@@ -207,17 +207,17 @@ TEST(LdfReader, SectionOfSixtyFourKibIsReadOneByteMoreIsRefused) {
 TEST(LdfReader, MissingFileAndUnknownDevice) {
   LDF_CODING c{};
   EXPECT_EQ(LDF_Decode(kDevice, "/nonexistent/dir/file.ldf", &c), -1);
-  EXPECT_EQ(LDF_Decode(kUnknownDevice, corpus("j2602_1.ldf").c_str(), &c), -3);
+  EXPECT_EQ(LDF_Decode(kUnknownDevice, fixture("seat_heater.ldf").c_str(), &c), -3);
   EXPECT_EQ(LDF_Decode(kDevice, nullptr, &c), -4);
-  EXPECT_EQ(LDF_Decode(kDevice, corpus("j2602_1.ldf").c_str(), nullptr), -4);
+  EXPECT_EQ(LDF_Decode(kDevice, fixture("seat_heater.ldf").c_str(), nullptr), -4);
   EXPECT_EQ(LDF_Decode(kDevice, "/", &c), -1);  // a directory cannot be read
-  EXPECT_EQ(veltrix::ldf::parse_handle(kUnknownDevice, 0, 1, corpus("j2602_1.ldf").c_str()), nullptr);
+  EXPECT_EQ(veltrix::ldf::parse_handle(kUnknownDevice, 0, 1, fixture("seat_heater.ldf").c_str()), nullptr);
   EXPECT_EQ(veltrix::ldf::parse_handle(kDevice, 0, 1, nullptr), nullptr);
 }
 
 TEST(LdfReader, DecodeIntoCallerRecordAndRelease) {
   LDF_CODING c{};
-  ASSERT_EQ(LDF_Decode(kDevice, corpus("lin_diagnostics.ldf").c_str(), &c), 0);
+  ASSERT_EQ(LDF_Decode(kDevice, fixture("cabin_lights.ldf").c_str(), &c), 0);
   EXPECT_EQ(c.FrameNum, 7);
   EXPECT_EQ(c.DevHandle, 0);
   EXPECT_EQ(LDF_DecodeFree(&c), 0);
@@ -267,8 +267,8 @@ TEST(LdfReader, ConcurrentLoadsDoNotMixFiles) {
       if (h) LDF_Release(h);
     }
   };
-  std::thread a(run, corpus("lin_diagnostics.ldf"), 7, "CEM_Frm1");
-  std::thread b(run, corpus("lin_encoders.ldf"), 1, "dummy_frame");
+  std::thread a(run, fixture("cabin_lights.ldf"), 7, "BCM_Cmd");
+  std::thread b(run, fixture("seat_heater.ldf"), 2, "HeaterCmd");
   a.join();
   b.join();
   EXPECT_EQ(wrong.load(), 0);
