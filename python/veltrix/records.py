@@ -98,6 +98,10 @@ class LIN_CONFIG(ctypes.Structure):
     _fields_ = [("BaudRate", ctypes.c_uint), ("Flags", _u8), ("Mode", _u8)]
 
 
+class LIN_UDS_ADDR(ctypes.Structure):
+    _fields_ = [(n, _u8) for n in ("ReqID", "ResID", "NAD", "CheckType", "STmin")]
+
+
 class LDF_LOGICAL_VALUE(ctypes.Structure):
     _fields_ = [("Value", _i32), ("Text", _cp)]
 
