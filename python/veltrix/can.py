@@ -128,7 +128,9 @@ class CanChannel:
         self.bitrate = bitrate
         self._lib = _library.load()
         self._rx = (records.CAN_MSG * READ_CHUNK)()
-        self._banks_used = 0
+        # Banks a previous user of the port left enabled are unknown: the first filter set
+        # switches every bank it does not use off.
+        self._banks_used = FILTER_BANKS
         self._receiving = False
         self._closed = False
         # Serialises this port's calls with close(), so a reader in another thread never
