@@ -61,6 +61,27 @@ def test_frames_cross_the_cable(sim, can_pair, m):
     assert data == bytes(m.data).ljust(8, b"\0")
 
 
+@pytest.mark.parametrize("own", [True, False])
+def test_own_messages_come_back_only_when_asked_for(sim, own):
+    with can.Bus(interface="veltrix", channel=f"{ADAPTER:08X}:0", bitrate=500000,
+                 receive_own_messages=own) as tx, \
+            can.Bus(interface="veltrix", channel=f"{ADAPTER:08X}:1", bitrate=500000) as rx:
+        tx.send(msg(0x42, b"\x01"))
+        echo = tx.recv(0.3)
+        assert same_frame(rx.recv(1.0), msg(0x42, b"\x01"))
+    if own:
+        assert echo is not None and same_frame(echo, msg(0x42, b"\x01")) and not echo.is_rx
+    else:
+        assert echo is None
+
+
+def test_a_port_serves_one_bus_at_a_time(can_pair):
+    with pytest.raises(can.CanInitializationError, match="already in use"):
+        can.Bus(interface="veltrix", channel=f"{ADAPTER:08X}:1", bitrate=500000)
+    can_pair[1].shutdown()
+    can.Bus(interface="veltrix", channel=f"{ADAPTER:08X}:1", bitrate=500000).shutdown()
+
+
 def test_receive_times_keep_the_adapters_order(can_pair):
     tx, rx = can_pair
     for i in range(5):
@@ -235,8 +256,9 @@ def test_an_unplugged_adapter_gives_errors_not_a_hang(sim):
     errors = []
 
     def use():
+        # recv looks at the adapter after a second without frames.
         for action in (lambda: bus.send(msg(0x1, b"\x01")), lambda: bus.state,
-                       lambda: bus.recv(0.5)):
+                       lambda: bus.recv(3.0)):
             try:
                 action()
             except can.CanOperationError as e:

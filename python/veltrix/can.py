@@ -114,6 +114,10 @@ def filters_fit_banks(rules):
     return len(rules) <= FILTER_BANKS and all(r.extended is not None for r in rules)
 
 
+_ports_lock = threading.Lock()
+_ports_in_use = set()  # (handle, port): the library has one receive queue per port
+
+
 class CanChannel:
     """One port of an adapter, configured at `bitrate` and, with `receive`, received in
     the background into the library's queue."""
@@ -121,12 +125,20 @@ class CanChannel:
     def __init__(self, adapter, port, bitrate, receive=True, filters=()):
         if not 0 <= port <= 1:
             raise ValueError(f"CAN port {port} does not exist (0 or 1)")
+        self._lib = _library.load()
         # A private Adapter object: the channel's open and close count as one user of the
         # adapter, whatever the caller does with its own object.
         self.adapter = Adapter(adapter.handle if isinstance(adapter, Adapter) else adapter)
+        key = (self.adapter.handle, port)
+        with _ports_lock:
+            if key in _ports_in_use:
+                raise error("CAN", "CanChannel", -1,
+                            f"port {port} of adapter {key[0]:08X} is already in use in this "
+                            "process (two users would take each other's frames)")
+            _ports_in_use.add(key)
+        self._key = key
         self.port = port
         self.bitrate = bitrate
-        self._lib = _library.load()
         self._rx = (records.CAN_MSG * READ_CHUNK)()
         # Banks a previous user of the port left enabled are unknown: the first filter set
         # switches every bank it does not use off.
@@ -136,8 +148,8 @@ class CanChannel:
         # Serialises this port's calls with close(), so a reader in another thread never
         # calls into a port that is being stopped.
         self._lock = threading.Lock()
-        self.adapter.open()
         try:
+            self.adapter.open()
             self._configure(bitrate)
             self.set_filters(filters)
             if receive:
@@ -224,8 +236,11 @@ class CanChannel:
             if self._receiving:
                 self._lib.CAN_StopGetMsg(self.adapter.handle, self.port)
                 self._receiving = False
-            self._lib.CAN_Stop(self.adapter.handle, self.port)
+            if self.adapter.is_open:
+                self._lib.CAN_Stop(self.adapter.handle, self.port)
         self.adapter.close()
+        with _ports_lock:
+            _ports_in_use.discard(self._key)
 
     @property
     def closed(self):

@@ -7,6 +7,7 @@ are the adapter's frame times placed on the host's clock once, at start-up, so i
 between frames keep the adapter's 100 us resolution.
 """
 
+import collections
 import threading
 import time
 
@@ -21,6 +22,10 @@ from .errors import VeltrixError
 # polls the adapter every 10 ms, so looking much more often only burns CPU.
 _IDLE_POLL_S = 0.002
 _TIME_WRAP = 1 << 32  # the adapter counter read at start-up is 32 bits wide
+# An adapter pulled out leaves the receive queue merely empty. After this long without a
+# frame recv asks the adapter for its status once, so a reader learns of the loss within
+# about a second at the cost of one command per idle second.
+_ALIVE_CHECK_S = 1.0
 
 
 def parse_channel(channel):
@@ -57,14 +62,21 @@ class VeltrixBus(can.BusABC):
                     "CAN FD is not available in this build of libVELTRIX")
         try:
             handle, port = parse_channel(channel)
+            if isinstance(bitrate, bool) or not isinstance(bitrate, int) or bitrate <= 0:
+                raise ValueError(f"bitrate must be a positive number of bit/s, not {bitrate!r}")
         except ValueError as e:
             raise can.CanInitializationError(str(e)) from None
         self.channel = f"{handle:08X}:{port}"
         self.channel_info = f"VELTRIX adapter {handle:08X} port {port}, {bitrate} bit/s"
         self._receive_own = bool(receive_own_messages)
+        # The adapter does not hand back what it sent; with receive_own_messages the bus
+        # returns each accepted frame itself (appended by send, taken by recv: a deque
+        # because the two may run in different threads).
+        self._own = collections.deque()
         self._pending = []
         self._hw_filtered = False
         self._shut = threading.Event()
+        self._heard = time.monotonic()
         try:
             self._port = CanChannel(Adapter(handle), port, bitrate)
             self._time_base = self._read_time_base()
@@ -111,6 +123,8 @@ class VeltrixBus(can.BusABC):
         while True:
             if self._shut.is_set():
                 raise can.CanOperationError("the bus has been shut down")
+            if self._own:
+                return self._own.popleft(), False
             if not self._pending:
                 try:
                     frames = self._port.receive(READ_CHUNK)
@@ -118,11 +132,19 @@ class VeltrixBus(can.BusABC):
                     if self._shut.is_set():
                         raise can.CanOperationError("the bus has been shut down") from None
                     raise _operation_error(e) from None
-                # The queue holds received frames only; own frames would carry the TX bit.
-                self._pending = [f for f in frames if self._receive_own or not f.tx]
+                # The queue holds received frames only; a frame marked as sent by this host
+                # would be the adapter echoing one back, which the own-message echo covers.
+                self._pending = [f for f in frames if not f.tx]
                 self._pending.reverse()
             if self._pending:
+                self._heard = time.monotonic()
                 return self._to_message(self._pending.pop()), self._hw_filtered
+            if time.monotonic() - self._heard >= _ALIVE_CHECK_S:
+                try:
+                    self._port.status()
+                except VeltrixError as e:
+                    raise _operation_error(e) from None
+                self._heard = time.monotonic()
             left = None if deadline is None else deadline - time.monotonic()
             if left is not None and left <= 0:
                 return None, False
@@ -147,6 +169,11 @@ class VeltrixBus(can.BusABC):
                 raise can.CanOperationError("the bus has been shut down")
             try:
                 if self._port.send([frame]) == 1:
+                    if self._receive_own:
+                        self._own.append(can.Message(
+                            timestamp=time.time(), arbitration_id=frame.id,
+                            is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                            dlc=frame.dlc, data=frame.data, channel=self.channel, is_rx=False))
                     return
             except VeltrixError as e:
                 raise _operation_error(e) from None
