@@ -1,6 +1,5 @@
 """The python-can interface on ports 0 and 1 of one virtual adapter, joined by its cable."""
 
-import os
 import statistics
 import struct
 import threading

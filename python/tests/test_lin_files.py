@@ -9,7 +9,7 @@ import veltrix
 from veltrix.can import CanFrame
 from veltrix.dbc import Database
 from veltrix.ldf import Description
-from veltrix.lin import READ, WRITE, LinFrame
+from veltrix.lin import WRITE
 
 from conftest import ADAPTER, CORPUS
 

@@ -75,7 +75,10 @@ def test_impossible_frames_are_refused(kwargs):
         CanFrame(**kwargs)
 
 
-@pytest.mark.parametrize("kwargs", [dict(id=0x40), dict(id=1, data=b"123456789")])
+@pytest.mark.parametrize("kwargs", [
+    dict(id=0x40), dict(id=1, data=b"123456789"), dict(id=1, checksum="parity"),
+    dict(id=1, checksum=4), dict(id=1, slot_ms=-1), dict(id=1, break_bits=256),
+])
 def test_impossible_lin_frames_are_refused(kwargs):
     with pytest.raises(ValueError):
         LinFrame(**kwargs)
@@ -104,7 +107,7 @@ def test_negative_results_raise_the_familys_error(family, code, cls, words):
         errors.check(family, "X_Call", code)
     assert info.value.code == code
     assert words in info.value.meaning
-    assert f"X_Call: " in str(info.value) and f"code {code}" in str(info.value)
+    assert "X_Call: " in str(info.value) and f"code {code}" in str(info.value)
     assert isinstance(info.value, veltrix.VeltrixError)
 
 
@@ -135,7 +138,7 @@ def test_filter_rule_record():
     ((0x51000001, 1), (0x51000001, 1)),
 ])
 def test_channel_names(text, expected):
-    can = pytest.importorskip("can")  # noqa: F841
+    pytest.importorskip("can")
     from veltrix.interface import parse_channel
     assert parse_channel(text) == expected
 

@@ -14,7 +14,7 @@ import time
 import can
 
 from . import _library
-from .can import READ_CHUNK, TIME_UNIT_S, CanChannel, CanFrame, FilterRule, filters_fit_banks
+from .can import READ_CHUNK, TIME_UNIT_S, CanChannel, CanFrame, FilterRule
 from .device import Adapter, parse_handle, scan
 from .errors import VeltrixError
 

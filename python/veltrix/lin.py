@@ -20,7 +20,7 @@ VERDICTS = {0: "classic", 1: "enhanced", 2: "not tested", 3: "not tested", 4: "e
 
 
 def _checksum_code(checksum):
-    if isinstance(checksum, int):
+    if isinstance(checksum, int) and 0 <= checksum <= 3:
         return checksum
     try:
         return CHECKSUMS[checksum]
@@ -50,6 +50,14 @@ class LinFrame:
             raise ValueError(f"LIN identifier 0x{self.id:X} is not in 0..0x3F")
         if len(self.data) > 8:
             raise ValueError(f"a LIN frame carries at most 8 bytes, not {len(self.data)}")
+        # A frame read back carries the adapter's verdict instead of a checksum choice.
+        if self.checksum not in VERDICTS.values():
+            _checksum_code(self.checksum)
+        for name, value, top in (("kind", self.kind, 0xFF), ("slot_ms", self.slot_ms, 0xFFFFFFFF),
+                                 ("check", self.check, 0xFF),
+                                 ("break_bits", self.break_bits, 0xFF)):
+            if not 0 <= value <= top:
+                raise ValueError(f"{name} {value} is out of range 0..{top}")
 
     def to_record(self, rec):
         rec.Timestamp = self.slot_ms
