@@ -56,7 +56,7 @@ def adapter(sim):
 def test_master_write_puts_one_checked_record_on_the_wire(sim, adapter, ident, data, mode,
                                                           check_type, check):
     with adapter.lin(1, 19200) as lin:
-        assert sim.payloads(ADAPTER, LIN_INIT)[-1] == bytes([1]) + struct.pack(">I", 19200) + b"\x01"
+        assert sim.payloads(ADAPTER, LIN_INIT)[-1] == b"\x01" + struct.pack(">I", 19200) + b"\x01"
         sim.clear(ADAPTER)
         lin.write(ident, data, mode)
     assert sim.payloads(ADAPTER, LIN_SYNC) == [

@@ -52,7 +52,8 @@ class Description:
     @property
     def protocol_version(self):
         """LIN protocol version x 100 (200 for J2602 files)."""
-        return check("LDF", "LDF_GetProtocolVersion", self._lib.LDF_GetProtocolVersion(self._live()))
+        return check("LDF", "LDF_GetProtocolVersion",
+                     self._lib.LDF_GetProtocolVersion(self._live()))
 
     @property
     def speed(self):
