@@ -90,6 +90,16 @@ def test_receive_times_keep_the_adapters_order(can_pair):
     assert all(a.timestamp <= b.timestamp for a, b in zip(got, got[1:]))
 
 
+@pytest.mark.parametrize("frame_time, seconds", [
+    (1000, 0.0), (1010, 0.001), (990, -0.001),          # a frame older than the anchor
+    ((1 << 32) + 1000, 0.0), ((5 << 32) | 0xFFFFFFFF, -1001e-4),  # 40-bit frame times
+])
+def test_frame_times_are_placed_around_the_anchor(can_pair, frame_time, seconds):
+    bus = can_pair[1]
+    bus._time_base = (1000, 1700000000.0)
+    assert bus._epoch(frame_time) == pytest.approx(1700000000.0 + seconds, abs=1e-9)
+
+
 def bank_payload(port, bank, idh, idl, mh, ml):
     return struct.pack(">BBBBHHHHBB", port, bank + 14 * port, 0, 1, idh, idl, mh, ml, 0, 1)
 

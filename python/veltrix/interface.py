@@ -22,6 +22,7 @@ from .errors import VeltrixError
 # polls the adapter every 10 ms, so looking much more often only burns CPU.
 _IDLE_POLL_S = 0.002
 _TIME_WRAP = 1 << 32  # the adapter counter read at start-up is 32 bits wide
+_HALF_WRAP = 1 << 31
 # An adapter pulled out leaves the receive queue merely empty. After this long without a
 # frame recv asks the adapter for its status once, so a reader learns of the loss within
 # about a second at the cost of one command per idle second.
@@ -87,7 +88,11 @@ class VeltrixBus(can.BusABC):
                 self._port.close()
             raise can.CanInitializationError(str(e), error_code=getattr(e, "code", None)) \
                 from None
-        super().__init__(channel=self.channel, can_filters=can_filters, **kwargs)
+        try:
+            super().__init__(channel=self.channel, can_filters=can_filters, **kwargs)
+        except BaseException:
+            self._port.close()
+            raise
 
     def _read_time_base(self):
         """(adapter counter, host time) taken together: the anchor for frame times."""
@@ -97,8 +102,11 @@ class VeltrixBus(can.BusABC):
         return counter, (before + after) / 2
 
     def _epoch(self, frame_time):
+        # Frames may predate the anchor (received between the port's start and the counter
+        # read), so the distance is taken as signed: about 2.5 days either way.
         counter, host = self._time_base
-        return host + ((frame_time - counter) % _TIME_WRAP) * TIME_UNIT_S
+        delta = (frame_time - counter + _HALF_WRAP) % _TIME_WRAP - _HALF_WRAP
+        return host + delta * TIME_UNIT_S
 
     def _to_message(self, frame):
         return can.Message(timestamp=self._epoch(frame.time), arbitration_id=frame.id,
