@@ -9,7 +9,7 @@ import veltrix
 from veltrix.can import CanFrame
 from veltrix.dbc import Database
 from veltrix.ldf import Description
-from veltrix.lin import WRITE
+from veltrix.lin import READ, WRITE, LinFrame
 
 from conftest import ADAPTER, CORPUS
 
@@ -61,6 +61,37 @@ def test_master_write_puts_one_checked_record_on_the_wire(sim, adapter, ident, d
         lin.write(ident, data, mode)
     assert sim.payloads(ADAPTER, LIN_SYNC) == [
         bytes([1]) + record(1, WRITE, check_type, data, ident, check)]
+
+
+def test_schedule_and_power_commands(sim, adapter):
+    with adapter.lin(2, 19200) as lin:
+        sim.clear(ADAPTER)
+        lin.start_schedule([LinFrame(0x10, b"\x01", slot_ms=20),
+                            LinFrame(0x21, kind=READ, slot_ms=1)], runs=3)
+        lin.power(True)
+        lin.stop_schedule()
+    # A slot shorter than the frame takes on the bus is raised to it: a header and response
+    # of 13 + 47 bit times at 19200 bit/s need 4 ms.
+    assert sim.commands(ADAPTER) == [
+        (0x0F10, b"\x02" + struct.pack(">I", 3)),
+        (0x0F0C, b"\x02" + record(20, WRITE, 1, b"\x01", 0x10, checksum(b"\x01", pid(0x10)))
+         + record(4, READ, 1, b"", 0x21, 0)),
+        (0x0F0A, b"\x01\x02"),
+        (0x0F0D, b"\x02"),
+    ]
+
+
+@pytest.mark.parametrize("frames, exc, code", [
+    ([LinFrame(1)] * 65, ValueError, None),  # refused before anything is sent
+    ([], veltrix.LinError, -7),               # the library's count check
+])
+def test_tables_the_adapter_cannot_hold_are_refused(sim, adapter, frames, exc, code):
+    with adapter.lin(0) as lin:
+        sim.clear(ADAPTER)
+        with pytest.raises(exc) as info:
+            lin.start_schedule(frames)
+    assert getattr(info.value, "code", None) == code
+    assert sim.payloads(ADAPTER, 0x0F0C) == []
 
 
 def test_a_read_nobody_answers_gives_no_bytes(adapter):
