@@ -1,12 +1,14 @@
 // Loaded into any program started by veltrix-sim: builds the virtual adapters before main
 // runs. VELTRIX_SIM_ADAPTERS lists them as SERIAL[@PORTPATH][:full] separated by commas
 // (serial in hex).
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <sstream>
 #include <string>
 
+#include "device/wire.hpp"
 #include "sim/testbed.hpp"
 
 namespace {
@@ -44,3 +46,77 @@ __attribute__((constructor)) void veltrix_sim_start() {
 }
 
 }  // namespace
+
+// Hooks for programs that run under veltrix-sim but cannot link the testbed, such as the
+// Python test suite (through ctypes on the process's own symbols). Each answers -1 for an
+// adapter the testbed does not know and never lets an exception out.
+#define VELTRIX_SIM_HOOK extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+std::shared_ptr<veltrix::sim::Model> hooked_model(uint32_t serial) {
+  return veltrix::sim::Testbed::instance().model(serial);
+}
+
+}  // namespace
+
+// Pulls the adapter out of its port.
+VELTRIX_SIM_HOOK int veltrix_sim_unplug(uint32_t serial) {
+  try {
+    if (!hooked_model(serial)) return -1;
+    veltrix::sim::Testbed::instance().unplug(serial);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+// Plugs it back in at the port it had, keeping its firmware state.
+VELTRIX_SIM_HOOK int veltrix_sim_replug(uint32_t serial) {
+  try {
+    if (!hooked_model(serial)) return -1;
+    veltrix::sim::Testbed::instance().replug(serial);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+// Forgets the commands recorded so far.
+VELTRIX_SIM_HOOK int veltrix_sim_clear_record(uint32_t serial) {
+  try {
+    auto m = hooked_model(serial);
+    if (!m) return -1;
+    m->clear_record();
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+// Copies the recorded commands with code `code` (0: all), oldest first, into buf as
+// [code u32 LE][length u32 LE][payload] entries. Returns the bytes all of them need; when
+// that exceeds cap only whole entries that fit were written, so the caller asks again
+// with a larger buffer.
+VELTRIX_SIM_HOOK long veltrix_sim_commands(uint32_t serial, uint32_t code, uint8_t* buf,
+                                           size_t cap) {
+  try {
+    auto m = hooked_model(serial);
+    if (!m) return -1;
+    const auto record = code == 0 ? m->commands() : m->commands_with_code(code);
+    size_t need = 0;
+    for (const auto& c : record) {
+      const size_t entry = 8 + c.payload.size();
+      if (buf != nullptr && need + entry <= cap) {
+        uint8_t* p = buf + need;
+        veltrix::wire::put_le32(p, c.code);
+        veltrix::wire::put_le32(p + 4, uint32_t(c.payload.size()));
+        std::copy(c.payload.begin(), c.payload.end(), p + 8);
+      }
+      need += entry;
+    }
+    return long(need);
+  } catch (...) {
+    return -1;
+  }
+}

@@ -1,0 +1,25 @@
+"""Python bindings of libVELTRIX: adapters, CAN and LIN channels, DBC and LDF databases.
+
+    import veltrix
+    for adapter in veltrix.scan():
+        with adapter:
+            print(adapter.info())
+
+The python-can interface is "veltrix" (see veltrix.interface).
+"""
+
+from . import records
+from ._library import LibraryNotFound
+from .device import Adapter, DeviceInfo, scan
+from .errors import (CanError, DbcError, DeviceError, LdfError, LinError, VeltrixError)
+
+__version__ = "1.0.0"
+
+# The records must match the headers the library was built from; where those headers
+# can be found (a source tree, an installation prefix), a mismatch stops the import here.
+INCLUDE_DIR = records.find_include_dir()
+if INCLUDE_DIR is not None:
+    records.check_layouts(INCLUDE_DIR)
+
+__all__ = ["Adapter", "DeviceInfo", "scan", "VeltrixError", "DeviceError", "CanError",
+           "LinError", "DbcError", "LdfError", "LibraryNotFound"]

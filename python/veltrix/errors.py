@@ -1,0 +1,98 @@
+"""Result codes of every family and the exceptions they become: the one place where a
+negative number from the library turns into something a caller can read."""
+
+
+class VeltrixError(Exception):
+    """A library call failed. `code` is the family's result code, `meaning` its meaning,
+    `function` the C function that returned it."""
+
+    family = "VELTRIX"
+
+    def __init__(self, function, code, meaning):
+        super().__init__(f"{function}: {meaning} ({self.family} code {code})")
+        self.function = function
+        self.code = code
+        self.meaning = meaning
+
+
+class DeviceError(VeltrixError):
+    family = "USB"
+
+
+class CanError(VeltrixError):
+    family = "CAN"
+
+
+class LinError(VeltrixError):
+    family = "LIN"
+
+
+class DbcError(VeltrixError):
+    family = "DBC"
+
+
+class LdfError(VeltrixError):
+    family = "LDF"
+
+
+# Code -> meaning, per family, in the words of the library's headers.
+CAN_CODES = {
+    -1: "a record pointer was NULL",
+    -2: "the command could not be written, or the adapter is not in the registry",
+    -4: "no valid reply from the adapter, a bit rate not in the table, or no receive thread",
+}
+LIN_CODES = {
+    -2: "the command packet could not be sent",
+    -4: "no reply, a reply of the wrong length or content, or no frame came back",
+    -5: "the channel was never initialised",
+    -7: "bad argument: handle not open, channel out of range, count out of range, "
+        "or the channel's baud rate is too low for a master exchange",
+    -8: "the list file cannot be opened",
+    -9: "the list file's first line is not the header",
+    -10: "out of memory",
+}
+DBC_CODES = {
+    -3: "a name or output argument is missing",
+    -4: "the database handle is not live",
+    -5: "no such message or signal, or index out of range",
+    -6: "the multiplexed signal is not selected by the last received frame",
+}
+LDF_CODES = {
+    -1: "the file cannot be opened or read",
+    -3: "the adapter is not registered, or the channel is not initialised",
+    -4: "null handle or argument, out of memory, or file too large",
+    -5: "no frame or schedule table of that name, or index out of range",
+    -6: "no frame or signal of that name",
+    -7: "the value is not a number, or the response carried no data",
+}
+DEVICE_CODES = {
+    0: "the adapter did not accept the request",
+}
+
+_FAMILIES = {
+    "CAN": (CanError, CAN_CODES),
+    "LIN": (LinError, LIN_CODES),
+    "DBC": (DbcError, DBC_CODES),
+    "LDF": (LdfError, LDF_CODES),
+    "USB": (DeviceError, DEVICE_CODES),
+}
+
+
+def error(family, function, code, meaning=None):
+    """The exception for `code` of `family` raised by `function` (not raised here)."""
+    cls, table = _FAMILIES[family]
+    return cls(function, code, meaning or table.get(code, "unexpected result code"))
+
+
+def check(family, function, result):
+    """Returns a non-negative result unchanged; raises the family's exception otherwise."""
+    if result < 0:
+        raise error(family, function, result)
+    return result
+
+
+def check_flag(function, result, meaning=None):
+    """For the calls that answer 1 for success and 0 for failure (USB_ and DEV_)."""
+    if result != 1:
+        raise error("USB", function, result, meaning)
+    return result

@@ -1,0 +1,231 @@
+"""python-can interface "veltrix": can.Bus(interface="veltrix", channel="51000001:0",
+bitrate=500000).
+
+The channel names an adapter by its serial number (hex) and a port after a colon (0 when
+left out). Received frames are taken from the library's background queue; their times
+are the adapter's frame times placed on the host's clock once, at start-up, so intervals
+between frames keep the adapter's 100 us resolution.
+"""
+
+import collections
+import threading
+import time
+
+import can
+
+from . import _library
+from .can import READ_CHUNK, TIME_UNIT_S, CanChannel, CanFrame, FilterRule
+from .device import Adapter, parse_handle, scan
+from .errors import VeltrixError
+
+# How long recv() sleeps between looks into an empty queue: the library's receive thread
+# polls the adapter every 10 ms, so looking much more often only burns CPU.
+_IDLE_POLL_S = 0.002
+_TIME_WRAP = 1 << 32  # the adapter counter read at start-up is 32 bits wide
+_HALF_WRAP = 1 << 31
+# An adapter pulled out leaves the receive queue merely empty. After this long without a
+# frame recv asks the adapter for its status once, so a reader learns of the loss within
+# about a second at the cost of one command per idle second.
+_ALIVE_CHECK_S = 1.0
+
+
+def parse_channel(channel):
+    """(handle, port) from "51000001:1", "0x51000001", 0x51000001 or (0x51000001, 1)."""
+    if isinstance(channel, (tuple, list)) and len(channel) == 2:
+        handle, port = channel
+    elif isinstance(channel, int):
+        handle, port = channel, 0
+    else:
+        text = str(channel)
+        handle, _, port = text.partition(":")
+        port = port or 0
+    try:
+        port = int(port)
+    except ValueError:
+        raise ValueError(f"not a CAN port number in channel {channel!r}") from None
+    return parse_handle(handle), port
+
+
+def _operation_error(e):
+    return can.CanOperationError(str(e), error_code=getattr(e, "code", None))
+
+
+class VeltrixBus(can.BusABC):
+    """A classic CAN port of a VELTRIX adapter as a python-can bus."""
+
+    def __init__(self, channel, can_filters=None, bitrate=500000, fd=False,
+                 data_bitrate=None, receive_own_messages=False, **kwargs):
+        if fd:
+            # CAN FD ports take their own timing and frame records; this library build
+            # carries only the classic family.
+            if not _library.has("CANFD_Init"):
+                raise can.CanInterfaceNotImplementedError(
+                    "CAN FD is not available in this build of libVELTRIX")
+        try:
+            handle, port = parse_channel(channel)
+            if isinstance(bitrate, bool) or not isinstance(bitrate, int) or bitrate <= 0:
+                raise ValueError(f"bitrate must be a positive number of bit/s, not {bitrate!r}")
+        except ValueError as e:
+            raise can.CanInitializationError(str(e)) from None
+        self.channel = f"{handle:08X}:{port}"
+        self.channel_info = f"VELTRIX adapter {handle:08X} port {port}, {bitrate} bit/s"
+        self._receive_own = bool(receive_own_messages)
+        # The adapter does not hand back what it sent; with receive_own_messages the bus
+        # returns each accepted frame itself (appended by send, taken by recv: a deque
+        # because the two may run in different threads).
+        self._own = collections.deque()
+        self._pending = []
+        self._hw_filtered = False
+        self._shut = threading.Event()
+        self._heard = time.monotonic()
+        try:
+            self._port = CanChannel(Adapter(handle), port, bitrate)
+            self._time_base = self._read_time_base()
+        except _library.LibraryNotFound as e:
+            raise can.CanInterfaceNotImplementedError(str(e)) from None
+        except (VeltrixError, ValueError) as e:
+            if getattr(self, "_port", None) is not None:
+                self._port.close()
+            raise can.CanInitializationError(str(e), error_code=getattr(e, "code", None)) \
+                from None
+        try:
+            super().__init__(channel=self.channel, can_filters=can_filters, **kwargs)
+        except BaseException:
+            self._port.close()
+            raise
+
+    def _read_time_base(self):
+        """(adapter counter, host time) taken together: the anchor for frame times."""
+        before = time.time()
+        counter = self._port.adapter.timestamp()
+        after = time.time()
+        return counter, (before + after) / 2
+
+    def _epoch(self, frame_time):
+        # Frames may predate the anchor (received between the port's start and the counter
+        # read), so the distance is taken as signed: about 2.5 days either way.
+        counter, host = self._time_base
+        delta = (frame_time - counter + _HALF_WRAP) % _TIME_WRAP - _HALF_WRAP
+        return host + delta * TIME_UNIT_S
+
+    def _to_message(self, frame):
+        return can.Message(timestamp=self._epoch(frame.time), arbitration_id=frame.id,
+                           is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                           dlc=frame.dlc, data=frame.data, channel=self.channel,
+                           is_rx=not frame.tx)
+
+    # ---- filters ------------------------------------------------------------------
+
+    def _apply_filters(self, filters):
+        rules = [FilterRule(f["can_id"], f["can_mask"], f.get("extended"))
+                 for f in (filters or ())]
+        try:
+            self._hw_filtered = self._port.set_filters(rules) and bool(rules)
+        except VeltrixError as e:
+            raise _operation_error(e) from None
+
+    # ---- receiving ----------------------------------------------------------------
+
+    def _recv_internal(self, timeout):
+        deadline = None if timeout is None else time.monotonic() + timeout
+        while True:
+            if self._shut.is_set():
+                raise can.CanOperationError("the bus has been shut down")
+            if self._own:
+                return self._own.popleft(), False
+            if not self._pending:
+                try:
+                    frames = self._port.receive(READ_CHUNK)
+                except VeltrixError as e:
+                    if self._shut.is_set():
+                        raise can.CanOperationError("the bus has been shut down") from None
+                    raise _operation_error(e) from None
+                # The queue holds received frames only; a frame marked as sent by this host
+                # would be the adapter echoing one back, which the own-message echo covers.
+                self._pending = [f for f in frames if not f.tx]
+                self._pending.reverse()
+            if self._pending:
+                self._heard = time.monotonic()
+                return self._to_message(self._pending.pop()), self._hw_filtered
+            if time.monotonic() - self._heard >= _ALIVE_CHECK_S:
+                try:
+                    self._port.status()
+                except VeltrixError as e:
+                    raise _operation_error(e) from None
+                self._heard = time.monotonic()
+            left = None if deadline is None else deadline - time.monotonic()
+            if left is not None and left <= 0:
+                return None, False
+            self._shut.wait(_IDLE_POLL_S if left is None else min(_IDLE_POLL_S, left))
+
+    # ---- sending ------------------------------------------------------------------
+
+    def send(self, msg, timeout=None):
+        if msg.is_fd:
+            raise can.CanOperationError("this port sends classic frames only")
+        if msg.is_error_frame:
+            raise can.CanOperationError("error frames cannot be sent")
+        try:
+            frame = CanFrame(id=msg.arbitration_id, data=bytes(msg.data),
+                             extended=msg.is_extended_id, remote=msg.is_remote_frame,
+                             dlc=msg.dlc if msg.is_remote_frame else -1)
+        except ValueError as e:
+            raise can.CanOperationError(str(e)) from None
+        deadline = None if timeout is None else time.monotonic() + timeout
+        while True:
+            if self._shut.is_set():
+                raise can.CanOperationError("the bus has been shut down")
+            try:
+                if self._port.send([frame]) == 1:
+                    if self._receive_own:
+                        self._own.append(can.Message(
+                            timestamp=time.time(), arbitration_id=frame.id,
+                            is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                            dlc=frame.dlc, data=frame.data, channel=self.channel, is_rx=False))
+                    return
+            except VeltrixError as e:
+                raise _operation_error(e) from None
+            # The adapter took nothing: its transmit buffer is full. Wait for room while
+            # the caller's timeout allows.
+            if deadline is None or time.monotonic() >= deadline:
+                raise can.CanOperationError("the adapter's transmit buffer is full")
+            time.sleep(_IDLE_POLL_S)
+
+    # ---- state and shutdown ---------------------------------------------------------
+
+    @property
+    def state(self):
+        try:
+            status = self._port.status()
+        except VeltrixError as e:
+            raise _operation_error(e) from None
+        if status.bus_off:
+            return can.BusState.ERROR
+        if status.passive:
+            return can.BusState.PASSIVE
+        return can.BusState.ACTIVE
+
+    @state.setter
+    def state(self, new_state):
+        raise NotImplementedError("the port's mode is fixed while it runs")
+
+    def flush_tx_buffer(self):
+        pass  # the adapter sends what it accepted; there is no host-side transmit queue
+
+    def shutdown(self):
+        if self._shut.is_set():
+            return
+        self._shut.set()
+        try:
+            super().shutdown()
+        finally:
+            self._port.close()
+
+    @staticmethod
+    def _detect_available_configs():
+        try:
+            adapters = scan()
+        except (OSError, VeltrixError):
+            return []
+        return [{"interface": "veltrix", "channel": f"{a.handle:08X}:{port}"}
+                for a in adapters for port in (0, 1)]
