@@ -5,7 +5,7 @@ CTEST = ctest --output-on-failure -j $(JOBS)
 SIM = build/veltrix-sim
 CLI = build/tools/veltrix
 
-.PHONY: all bootstrap build test demo asan tsan bench fuzz fuzz-smoke clean
+.PHONY: all bootstrap build test demo asan tsan bench bench-docs bench-build fuzz fuzz-smoke clean
 
 all: build
 
@@ -32,11 +32,21 @@ tsan: bootstrap
 	@cmake --build build-tsan -j $(JOBS)
 	@$(CTEST) --test-dir build-tsan
 
-bench: bootstrap
+# Runs every benchmark (each checks what it times and fails otherwise) and writes the
+# medians and spreads, with machine, commit and date, to build-bench/results.md.
+BENCH_REPETITIONS ?= 5
+bench: bench-build
+	@scripts/bench-report build-bench build-bench/results.md --repetitions $(BENCH_REPETITIONS)
+
+# The same run, also rewriting the results section of docs/benchmarks.md.
+bench-docs: bench-build
+	@scripts/bench-report build-bench build-bench/results.md --repetitions $(BENCH_REPETITIONS) \
+	  --update-docs docs/benchmarks.md
+
+bench-build: bootstrap
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELTRIX_BUILD_TESTS=OFF \
 	  -DVELTRIX_BUILD_BENCH=ON >/dev/null
 	@cmake --build build-bench -j $(JOBS)
-	@for b in build-bench/bench/*_bench; do [ -x "$$b" ] && "$$b" || exit 1; done
 
 # Builds every libFuzzer target with clang and runs each briefly (FUZZ_SECONDS each).
 FUZZ_SECONDS ?= 20

@@ -2,10 +2,13 @@
 // Results and the machine they were taken on are recorded in docs/dbc.md.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench/bench_check.hpp"
 #include "dbc/decoder.hpp"
 #include "veltrix/dbc.h"
 
@@ -42,8 +45,8 @@ std::vector<Message> catalogue() {
 void BM_ParseFile(benchmark::State& state) {
   for (auto _ : state) {
     long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
-    if (!h) state.SkipWithError("parse failed");
     state.PauseTiming();
+    veltrix::bench::check(h != 0 && DBC_GetMsgQuantity(h) == 145, "parse of vw_mlb.dbc");
     DBC_Release(h);
     state.ResumeTiming();
   }
@@ -67,17 +70,33 @@ void BM_DecodeFrames(benchmark::State& state) {
     r.frame.DataLen = 8;
     for (auto& b : r.frame.Data) b = uint8_t(rng());
   }
-  size_t i = 0;
-  double sink = 0;
-  for (auto _ : state) {
-    const Rx& r = frames[i++ & 8191];
-    DBC_SyncCANMsgToValue(h, &r.frame, 1);
+  // What each frame decodes to, read once before timing; the timed loop must agree.
+  auto decode = [&](const Rx& r) {
+    double sum = 0;
+    if (DBC_SyncCANMsgToValue(h, &r.frame, 1) != 0) return std::nan("");
     for (const std::string& s : r.message->signals) {
       double v;
-      if (DBC_GetSignalValue(h, r.message->name.c_str(), s.c_str(), &v) == 0) sink += v;
+      const int rc = DBC_GetSignalValue(h, r.message->name.c_str(), s.c_str(), &v);
+      if (rc == 0) sum += v;
+      else if (rc != DBC_ERR_MUX_INACTIVE) return std::nan("");
     }
+    return sum;
+  };
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  std::vector<double> expected(frames.size());
+  size_t decoded_signals = 0;
+  for (size_t k = 0; k < frames.size(); ++k) {
+    expected[k] = decode(frames[k]);
+    veltrix::bench::check(!std::isnan(expected[k]), "decoding a frame before timing");
+    decoded_signals += frames[k].message->signals.size();
   }
-  benchmark::DoNotOptimize(sink);
+  veltrix::bench::check(decoded_signals > frames.size(), "frames carry signals");
+  size_t i = 0, wrong = 0;
+  for (auto _ : state) {
+    const size_t k = i++ & 8191;
+    if (decode(frames[k]) != expected[k]) ++wrong;
+  }
+  veltrix::bench::check(wrong == 0, "timed decodes match the values read before timing");
   state.SetItemsProcessed(int64_t(state.iterations()));
   DBC_Release(h);
 }
@@ -86,16 +105,24 @@ BENCHMARK(BM_DecodeFrames);
 void BM_EncodeMessages(benchmark::State& state) {
   const std::vector<Message> msgs = catalogue();
   long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
-  size_t i = 0;
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  auto encode = [&](const Message& m, CAN_MSG* frame) {
+    int failed = 0;
+    for (size_t s = 0; s < m.signals.size(); ++s)
+      failed |= DBC_SetSignalValue(h, m.name.c_str(), m.signals[s].c_str(), m.values[s]);
+    return failed | DBC_SyncValueToCANMsg(h, m.name.c_str(), frame);
+  };
+  // The frame each message encodes to, built once before timing.
+  std::vector<CAN_MSG> expected(msgs.size());
+  for (size_t k = 0; k < msgs.size(); ++k)
+    veltrix::bench::check(encode(msgs[k], &expected[k]) == 0, "encoding before timing");
+  size_t i = 0, wrong = 0;
   CAN_MSG frame{};
   for (auto _ : state) {
-    const Message& m = msgs[i++ % msgs.size()];
-    for (size_t s = 0; s < m.signals.size(); ++s) {
-      DBC_SetSignalValue(h, m.name.c_str(), m.signals[s].c_str(), m.values[s]);
-    }
-    DBC_SyncValueToCANMsg(h, m.name.c_str(), &frame);
-    benchmark::DoNotOptimize(frame);
+    const size_t k = i++ % msgs.size();
+    if (encode(msgs[k], &frame) != 0 || std::memcmp(frame.Data, expected[k].Data, 8) != 0) ++wrong;
   }
+  veltrix::bench::check(wrong == 0, "timed encodes match the frames built before timing");
   state.SetItemsProcessed(int64_t(state.iterations()));
   DBC_Release(h);
 }

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "bench/bench_check.hpp"
 #include "ldf/decode.hpp"
 #include "ldf/handle.hpp"
 #include "veltrix/ldf.h"
@@ -19,10 +20,7 @@ void BM_LdfParserFile(benchmark::State& state) {
   for (auto _ : state) {
     // The file-to-handle part of LDF_ParserFile; opening the LIN channel needs an adapter.
     LDF_CODING* h = veltrix::ldf::parse_handle(kDevice, 0, 1, kLargest.c_str());
-    if (!h) {
-      state.SkipWithError("parse failed");
-      return;
-    }
+    veltrix::bench::check(h != nullptr && h->FrameNum == 7, "parse of the sample file");
     benchmark::DoNotOptimize(h->FrameNum);
     LDF_Release(h);
   }
@@ -35,24 +33,28 @@ void BM_LdfDecodeFromMemory(benchmark::State& state) {
   const std::string text = ss.str();
   for (auto _ : state) {
     auto* h = new LDF_CODING{};
-    if (veltrix::ldf::decode_text(kDevice, text, h, true) != 0) {
-      delete h;
-      state.SkipWithError("parse failed");
-      return;
-    }
+    veltrix::bench::check(veltrix::ldf::decode_text(kDevice, text, h, true) == 0 && h->FrameNum == 7,
+                          "decode of the sample text");
     LDF_Release(h);
   }
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(text.size()));
 }
 BENCHMARK(BM_LdfDecodeFromMemory);
 
+// Packs the master request after setting its first byte; the handle comes from the
+// file-to-handle step (opening a LIN channel would need an adapter).
 void BM_LdfGetFrameRawValue(benchmark::State& state) {
-  LDF_CODING* h = LDF_ParserFile(kDevice, 0, 1, kLargest.c_str());
-  unsigned char data[8];
+  LDF_CODING* h = veltrix::ldf::parse_handle(kDevice, 0, 1, kLargest.c_str());
+  veltrix::bench::check(h != nullptr, "parse of the sample file");
+  veltrix::bench::check(LDF_SetSignalValue(h, "MasterReq", "MasterReqB0", 0x3C) == 0,
+                        "set MasterReqB0");
+  unsigned char data[8] = {};
+  int failed = 0;
   for (auto _ : state) {
-    LDF_GetFrameRawValue(h, "MasterReq", data);
+    failed |= LDF_GetFrameRawValue(h, "MasterReq", data);
     benchmark::DoNotOptimize(data);
   }
+  veltrix::bench::check(failed == 0 && data[0] == 0x3C, "packing MasterReq");
   LDF_Release(h);
 }
 BENCHMARK(BM_LdfGetFrameRawValue);
