@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <unordered_map>
 
 #include "ldf/readers.hpp"
 #include "ldf/text.hpp"
@@ -20,15 +21,26 @@ int size_by_identifier(int id) {
   return range < 2 ? 2 : range == 2 ? 4 : 8;
 }
 
-const LDF_LIN_SIGNAL* find_signal(const std::vector<LDF_LIN_SIGNAL>& signals,
-                                  std::string_view name) {
-  for (const LDF_LIN_SIGNAL& s : signals)
-    if (name == s.Name) return &s;
-  return nullptr;
+// Name -> first record of that name, as a search in file order would find it. Built once
+// per file so that reading frames and schedule tables stays linear in the file's size.
+template <typename Record>
+std::unordered_map<std::string_view, const Record*> first_by_name(const std::vector<Record>& v) {
+  std::unordered_map<std::string_view, const Record*> out;
+  out.reserve(v.size());
+  for (const Record& r : v) out.try_emplace(r.Name, &r);
+  return out;
+}
+
+template <typename Record>
+const Record* find(const std::unordered_map<std::string_view, const Record*>& by_name,
+                   std::string_view name) {
+  auto it = by_name.find(name);
+  return it == by_name.end() ? nullptr : it->second;
 }
 
 void read_section(std::string_view section, bool diagnostic, Storage& mem,
-                  const std::vector<LDF_LIN_SIGNAL>& signals, std::vector<LDF_LIN_FRAME>& out) {
+                  const std::unordered_map<std::string_view, const LDF_LIN_SIGNAL*>& signals,
+                  std::vector<LDF_LIN_FRAME>& out) {
   // Frames hold no nested braces, so each '}' ends one.
   for (std::string_view piece : split(strip_braces(section), '}')) {
     if (piece.size() < 8) continue;
@@ -50,7 +62,7 @@ void read_section(std::string_view section, bool diagnostic, Storage& mem,
       if (entry.size() < 3) continue;
       size_t comma = entry.find(',');
       if (comma == std::string_view::npos) continue;
-      const LDF_LIN_SIGNAL* s = find_signal(signals, entry.substr(0, comma));
+      const LDF_LIN_SIGNAL* s = find(signals, entry.substr(0, comma));
       if (!s) continue;  // a signal of unknown size cannot be packed
       LDF_LIN_SIGNAL copy = *s;
       copy.StartBit = sat_i32(parse_dec(entry.substr(comma + 1)));
@@ -67,8 +79,9 @@ void read_section(std::string_view section, bool diagnostic, Storage& mem,
 int LDF_GetFrames(const LoadState& st, Storage& mem, const std::vector<LDF_LIN_SIGNAL>& signals,
                   std::vector<LDF_LIN_FRAME>& out) {
   if (!device_registered()) return -3;
-  read_section(st.section(Section::Frames), false, mem, signals, out);
-  read_section(st.section(Section::DiagnosticFrames), true, mem, signals, out);
+  const auto by_name = first_by_name(signals);
+  read_section(st.section(Section::Frames), false, mem, by_name, out);
+  read_section(st.section(Section::DiagnosticFrames), true, mem, by_name, out);
   return static_cast<int>(out.size());
 }
 
@@ -76,6 +89,7 @@ int LDF_GetScheduleTables(const LoadState& st, Storage& mem,
                           const std::vector<LDF_LIN_FRAME>& frames, std::vector<LDF_LIN_SCH>& out) {
   if (!device_registered()) return -3;
   std::string_view body = strip_braces(st.section(Section::ScheduleTables));
+  const auto by_name = first_by_name(frames);
   // Command entries such as AssignNAD{LSM}delay15ms carry braces of their own.
   for_each_named_block(body, [&](std::string_view name, std::string_view inner) {
     std::vector<LDF_LIN_SCH_FRAME> entries;
@@ -85,9 +99,7 @@ int LDF_GetScheduleTables(const LoadState& st, Storage& mem,
       if (delay == std::string_view::npos) continue;  // no slot time: malformed
       std::string_view frame_name = entry.substr(0, delay);
       LDF_LIN_SCH_FRAME e{};
-      auto known = std::find_if(frames.begin(), frames.end(),
-                                [&](const LDF_LIN_FRAME& f) { return frame_name == f.Name; });
-      if (known != frames.end()) {
+      if (const LDF_LIN_FRAME* known = find(by_name, frame_name)) {
         e.Frame = *known;  // shares the frame's signal array
       } else {
         e.Frame.Name = mem.str(frame_name);  // kept, empty; execution skips it

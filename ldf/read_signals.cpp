@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <unordered_map>
 
 #include "ldf/readers.hpp"
 #include "ldf/text.hpp"
@@ -35,24 +36,27 @@ void read_initial_value(std::string_view& rest, bool diagnostic, LDF_LIN_SIGNAL&
   rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
 }
 
-void apply_representation(const std::vector<LDF_SIGNAL_CODING>& codings,
-                          const std::vector<LDF_SIGNAL_REPRESENTATION>& representations,
-                          LDF_LIN_SIGNAL& s) {
+// Which encoding type each signal is represented by. A signal named by several
+// representations takes the last one whose type exists; a type name that appears twice
+// means its first definition. Built once per file, so reading the signals stays linear.
+using CodingBySignal = std::unordered_map<std::string_view, const LDF_SIGNAL_CODING*>;
+
+CodingBySignal coding_by_signal(const std::vector<LDF_SIGNAL_CODING>& codings,
+                                const std::vector<LDF_SIGNAL_REPRESENTATION>& representations) {
+  std::unordered_map<std::string_view, const LDF_SIGNAL_CODING*> by_name;
+  by_name.reserve(codings.size());
+  for (const LDF_SIGNAL_CODING& c : codings) by_name.try_emplace(c.Name, &c);
+  CodingBySignal out;
+  out.reserve(representations.size());
   for (const LDF_SIGNAL_REPRESENTATION& r : representations) {
-    if (std::strcmp(r.SignalName, s.Name) != 0) continue;
-    for (const LDF_SIGNAL_CODING& c : codings) {
-      if (std::strcmp(c.Name, r.CodingName) == 0) {
-        s.SignalCoding = c;  // shares the value arrays with the type and its other users
-        break;
-      }
-    }
+    auto c = by_name.find(r.CodingName);
+    if (c != by_name.end()) out[r.SignalName] = c->second;
   }
+  return out;
 }
 
 void read_section(std::string_view section, bool diagnostic, Storage& mem,
-                  const std::vector<LDF_SIGNAL_CODING>& codings,
-                  const std::vector<LDF_SIGNAL_REPRESENTATION>& representations,
-                  std::vector<LDF_LIN_SIGNAL>& out) {
+                  const CodingBySignal& codings, std::vector<LDF_LIN_SIGNAL>& out) {
   for (std::string_view item : split(strip_braces(section), ';')) {
     if (item.size() < 5) continue;
     size_t colon = item.find(':');
@@ -75,7 +79,8 @@ void read_section(std::string_view section, bool diagnostic, Storage& mem,
     }
     s.Min = 0;
     s.Max = static_cast<double>(GetDataMask(s.Size));
-    apply_representation(codings, representations, s);
+    auto coding = codings.find(s.Name);
+    if (coding != codings.end()) s.SignalCoding = *coding->second;  // shares the value arrays
     out.push_back(s);
   }
 }
@@ -86,8 +91,9 @@ int LDF_GetSignals(const LoadState& st, Storage& mem, const std::vector<LDF_SIGN
                    const std::vector<LDF_SIGNAL_REPRESENTATION>& representations,
                    std::vector<LDF_LIN_SIGNAL>& out) {
   if (!device_registered()) return -3;
-  read_section(st.section(Section::Signals), false, mem, codings, representations, out);
-  read_section(st.section(Section::DiagnosticSignals), true, mem, codings, representations, out);
+  const CodingBySignal by_signal = coding_by_signal(codings, representations);
+  read_section(st.section(Section::Signals), false, mem, by_signal, out);
+  read_section(st.section(Section::DiagnosticSignals), true, mem, by_signal, out);
   return static_cast<int>(out.size());
 }
 
