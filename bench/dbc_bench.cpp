@@ -53,14 +53,14 @@ void BM_ParseFile(benchmark::State& state) {
 }
 BENCHMARK(BM_ParseFile)->Unit(benchmark::kMillisecond);
 
-void BM_DecodeFrames(benchmark::State& state) {
-  const std::vector<Message> msgs = catalogue();
-  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+struct Rx {
+  CAN_MSG frame;
+  const Message* message;
+};
+
+// 8192 random frames of the file's messages, each carrying random bytes.
+std::vector<Rx> random_frames(const std::vector<Message>& msgs) {
   std::mt19937_64 rng(1);
-  struct Rx {
-    CAN_MSG frame;
-    const Message* message;
-  };
   std::vector<Rx> frames(8192);
   for (Rx& r : frames) {
     r.message = &msgs[rng() % msgs.size()];
@@ -70,37 +70,80 @@ void BM_DecodeFrames(benchmark::State& state) {
     r.frame.DataLen = 8;
     for (auto& b : r.frame.Data) b = uint8_t(rng());
   }
-  // What each frame decodes to, read once before timing; the timed loop must agree.
-  auto decode = [&](const Rx& r) {
-    double sum = 0;
-    if (DBC_SyncCANMsgToValue(h, &r.frame, 1) != 0) return std::nan("");
-    for (const std::string& s : r.message->signals) {
-      double v;
-      const int rc = DBC_GetSignalValue(h, r.message->name.c_str(), s.c_str(), &v);
-      if (rc == 0) sum += v;
-      else if (rc != DBC_ERR_MUX_INACTIVE) return std::nan("");
-    }
-    return sum;
-  };
-  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  return frames;
+}
+
+// The sum of every selected signal's value, through the name-based calls.
+double decode_by_name(long long h, const Rx& r) {
+  double sum = 0;
+  if (DBC_SyncCANMsgToValue(h, &r.frame, 1) != 0) return std::nan("");
+  for (const std::string& s : r.message->signals) {
+    double v;
+    const int rc = DBC_GetSignalValue(h, r.message->name.c_str(), s.c_str(), &v);
+    if (rc == 0) sum += v;
+    else if (rc != DBC_ERR_MUX_INACTIVE) return std::nan("");
+  }
+  return sum;
+}
+
+// The same sum through the one-call decode.
+double decode_bulk(long long h, const Rx& r, double* values, int capacity) {
+  const int n = DBC_DecodeCANMsg(h, &r.frame, nullptr, values, capacity);
+  if (n < 0 || n > capacity) return std::nan("");
+  double sum = 0;
+  for (int i = 0; i < n; ++i)
+    if (!std::isnan(values[i])) sum += values[i];
+  return sum;
+}
+
+// What each frame decodes to, read once through the name-based calls before timing.
+std::vector<double> expected_sums(long long h, const std::vector<Rx>& frames) {
   std::vector<double> expected(frames.size());
   size_t decoded_signals = 0;
   for (size_t k = 0; k < frames.size(); ++k) {
-    expected[k] = decode(frames[k]);
+    expected[k] = decode_by_name(h, frames[k]);
     veltrix::bench::check(!std::isnan(expected[k]), "decoding a frame before timing");
     decoded_signals += frames[k].message->signals.size();
   }
   veltrix::bench::check(decoded_signals > frames.size(), "frames carry signals");
+  return expected;
+}
+
+void BM_DecodeFrames(benchmark::State& state) {
+  const std::vector<Message> msgs = catalogue();
+  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  const std::vector<Rx> frames = random_frames(msgs);
+  const std::vector<double> expected = expected_sums(h, frames);
   size_t i = 0, wrong = 0;
   for (auto _ : state) {
     const size_t k = i++ & 8191;
-    if (decode(frames[k]) != expected[k]) ++wrong;
+    if (decode_by_name(h, frames[k]) != expected[k]) ++wrong;
   }
   veltrix::bench::check(wrong == 0, "timed decodes match the values read before timing");
   state.SetItemsProcessed(int64_t(state.iterations()));
   DBC_Release(h);
 }
 BENCHMARK(BM_DecodeFrames);
+
+// Every signal of a frame in one call, by message index: no names on the hot path.
+void BM_DecodeFramesBulk(benchmark::State& state) {
+  const std::vector<Message> msgs = catalogue();
+  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  const std::vector<Rx> frames = random_frames(msgs);
+  const std::vector<double> expected = expected_sums(h, frames);
+  double values[256];
+  size_t i = 0, wrong = 0;
+  for (auto _ : state) {
+    const size_t k = i++ & 8191;
+    if (decode_bulk(h, frames[k], values, 256) != expected[k]) ++wrong;
+  }
+  veltrix::bench::check(wrong == 0, "one-call decodes match the name-based values");
+  state.SetItemsProcessed(int64_t(state.iterations()));
+  DBC_Release(h);
+}
+BENCHMARK(BM_DecodeFramesBulk);
 
 void BM_EncodeMessages(benchmark::State& state) {
   const std::vector<Message> msgs = catalogue();

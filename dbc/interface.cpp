@@ -7,6 +7,7 @@
 
 #include "dbc/decoder.hpp"
 #include "dbc/handles.hpp"
+#include "dbc/signal_access.hpp"
 #include "dbc/text.hpp"
 #include "device/abi.hpp"
 #include "veltrix/dbc.h"
@@ -21,34 +22,10 @@ namespace {
 constexpr uint8_t kFlagCanFd = 0x01;
 constexpr uint8_t kFlagBitRateSwitch = 0x04;
 
-constexpr int kCanDataBytes = 8;
-
 void copy_out(const std::string& text, char* out) {
   // The interface has no size argument: the caller sized the buffer for the full text.
   std::memcpy(out, text.data(), text.size());
   out[text.size()] = '\0';
-}
-
-// Result of the multiplexer test shared by the two signal readers.
-int check_multiplexer(const DBC_Decoder& db, const DBC_Decoder::SignalRef& ref,
-                      const DBC_SIGNAL& signal) {
-  // The switch is looked for in the first message of the requested name and decoded from
-  // that message's data image, i.e. from the last frame received for it.
-  const DBC_MESSAGE& message = db.messages()[ref.firstByName];
-  const uint32_t sw = db.muxSwitch(ref.firstByName);
-  uint64_t selected = 0;
-  if (sw != DBC_Decoder::kNone) {
-    const DBC_SIGNAL& s = message.signals[sw];
-    selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), message.data,
-                                            ByteOrder(s.byteOrder));
-  }
-  if (signal.multiplexMode != MUX_NONE && signal.multiplexMode != MUX_SWITCH) {
-    if (!(sw != DBC_Decoder::kNone && signal.multiplexMode == MUX_SELECTED &&
-          signal.multiplexValue == selected)) {
-      return DBC_ERR_MUX_INACTIVE;
-    }
-  }
-  return DBC_OK;
 }
 
 // Finds the signal; DBC_OK and *out set, or an error code.
@@ -59,37 +36,6 @@ int find_signal(long long handle, const char* msg, const char* sig, DBC_Decoder*
   if (!msg || !sig) return DBC_ERR_ARGUMENT;
   if (!(*db)->findSignal(msg, sig, ref)) return DBC_ERR_NOT_FOUND;
   return DBC_OK;
-}
-
-void decode_signals(DBC_MESSAGE& m, const uint8_t* data) {
-  for (DBC_SIGNAL& s : m.signals) {
-    s.rawValue =
-        DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), data, ByteOrder(s.byteOrder));
-  }
-}
-
-// Writes the message's current signal values into a cleared payload image. With a switch,
-// a multiplexed signal is written only when the switch holds its multiplex value; without
-// one every signal is written. Later signals overwrite earlier ones where bits overlap.
-void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image) {
-  const DBC_MESSAGE& m = db.messages()[mi];
-  std::memset(image, 0, kDataBytes);
-  const uint32_t sw = db.muxSwitch(mi);
-  uint64_t selected = 0;
-  if (sw != DBC_Decoder::kNone) {
-    const DBC_SIGNAL& s = m.signals[sw];
-    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
-                                 ByteOrder(s.byteOrder));
-    selected = s.rawValue;
-  }
-  for (const DBC_SIGNAL& s : m.signals) {
-    if (sw != DBC_Decoder::kNone && s.multiplexMode == MUX_SELECTED &&
-        s.multiplexValue != selected) {
-      continue;
-    }
-    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
-                                 ByteOrder(s.byteOrder));
-  }
 }
 
 }  // namespace
@@ -191,7 +137,7 @@ VELTRIX_EXPORT(int, DBC_GetSignalValue,
                    return r;
                  if (!pValue) return DBC_ERR_ARGUMENT;
                  DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-                 if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
+                 if (int r = check_multiplexer(*db, ref.firstByName, s); r != DBC_OK) return r;
                  *pValue = DBC_Decoder::getSignalRealValue(&s);
                  return DBC_OK;
                })
@@ -206,7 +152,7 @@ VELTRIX_EXPORT(int, DBC_GetSignalValueStr,
                    return r;
                  if (!pValueStr) return DBC_ERR_ARGUMENT;
                  DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-                 if (int r = check_multiplexer(*db, ref, s); r != DBC_OK) return r;
+                 if (int r = check_multiplexer(*db, ref.firstByName, s); r != DBC_OK) return r;
                  const double value = DBC_Decoder::getSignalRealValue(&s);
                  if (s.valueTable.empty()) {
                    // "%f %s": a space follows the number even when the unit is empty.
@@ -230,19 +176,7 @@ VELTRIX_EXPORT(int, DBC_SyncCANMsgToValue, (long long DBCHandle, const CAN_MSG* 
                  if (!db) return DBC_ERR_HANDLE;
                  if (count < 1) return DBC_OK;
                  if (!pCANMsg) return DBC_ERR_ARGUMENT;
-                 // A classic frame carries 8 bytes; a signal placed beyond them reads zeros there.
-                 uint8_t image[kDataBytes] = {};
-                 for (int i = 0; i < count; ++i) {
-                   const CAN_MSG& f = pCANMsg[i];
-                   const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
-                   const uint32_t mi = db->findMessageById(key);
-                   if (mi == DBC_Decoder::kNone) continue;
-                   DBC_MESSAGE& m = db->messages()[mi];
-                   // DataLen is not consulted, and bytes 8..63 of the image keep what they held.
-                   std::memcpy(m.data, f.Data, kCanDataBytes);
-                   std::memcpy(image, f.Data, kCanDataBytes);
-                   decode_signals(m, image);
-                 }
+                 for (int i = 0; i < count; ++i) take_can_frame(*db, pCANMsg[i]);
                  return DBC_OK;
                })
 
@@ -252,15 +186,7 @@ VELTRIX_EXPORT(int, DBC_SyncCANFDMsgToValue,
                  if (!db) return DBC_ERR_HANDLE;
                  if (count < 1) return DBC_OK;
                  if (!pCANFDMsg) return DBC_ERR_ARGUMENT;
-                 for (int i = 0; i < count; ++i) {
-                   const CANFD_MSG& f = pCANFDMsg[i];
-                   const uint32_t mi =
-                       db->findMessageById(f.ID);  // bit 31 already marks extended ids
-                   if (mi == DBC_Decoder::kNone) continue;
-                   DBC_MESSAGE& m = db->messages()[mi];
-                   std::memcpy(m.data, f.Data, kDataBytes);
-                   decode_signals(m, f.Data);
-                 }
+                 for (int i = 0; i < count; ++i) take_canfd_frame(*db, pCANFDMsg[i]);
                  return DBC_OK;
                })
 
@@ -271,18 +197,7 @@ VELTRIX_EXPORT(int, DBC_SyncValueToCANMsg,
                  if (!pMsgName || !pCANMsg) return DBC_ERR_ARGUMENT;
                  const uint32_t mi = db->findMessage(pMsgName);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-                 // Encoded into a full image, so a signal placed beyond byte 7 cannot spill into
-                 // the rest of the record; only the first 8 bytes travel.
-                 uint8_t image[kDataBytes];
-                 encode_signals(*db, mi, image);
-                 const DBC_MESSAGE& m = db->messages()[mi];
-                 std::memcpy(pCANMsg->Data, image, kCanDataBytes);
-                 pCANMsg->FrameFlags = 0;
-                 pCANMsg->ID = m.id & 0x1FFFFFFFu;
-                 pCANMsg->ExtFlag = uint8_t(m.id >> 31);
-                 // A file may declare more than 8 bytes (or anything up to 255); the record holds
-                 // 8, and applications copy DataLen bytes out of it.
-                 pCANMsg->DataLen = uint8_t(std::min<uint32_t>(m.dlc, kCanDataBytes));
+                 build_can_msg(*db, mi, pCANMsg);
                  return DBC_OK;
                })
 

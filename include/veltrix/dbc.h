@@ -115,6 +115,54 @@ VELTRIX_API int DBC_SyncValueToCANMsg(long long DBCHandle, const char* pMsgName,
 VELTRIX_API int DBC_SyncValueToCANFDMsg(long long DBCHandle, const char* pMsgName,
                                         CANFD_MSG* pCANFDMsg);
 
+/* ---- Index-based access ----------------------------------------------------------------
+ * For decoding at bus rate: resolve names once to indexes, then work by index with no name
+ * lookup per frame. A message index is the message's position in the file (0 ..
+ * DBC_GetMsgQuantity - 1); a signal index is the signal's position within its message (0 ..
+ * DBC_GetSignalCount - 1). Indexes stay valid for the life of the handle. Where several
+ * messages share a name, an index names exactly one of them (the name-based functions
+ * always reach the first); a multiplexed signal is checked against the switch of its own
+ * message. Results otherwise match the name-based functions. */
+
+/* Index of the first message called pMsgName; DBC_ERR_NOT_FOUND, -3 (NULL name), -4. */
+VELTRIX_API int DBC_GetMsgIndex(long long DBCHandle, const char* pMsgName);
+
+/* Index of the first message with this identifier (bit 31 set for an extended one);
+ * DBC_ERR_NOT_FOUND, -4. */
+VELTRIX_API int DBC_GetMsgIndexById(long long DBCHandle, unsigned int id);
+
+/* Index of the first signal called pSignalName in message msgIndex; -5 (no such message
+ * or signal), -3 (NULL name), -4. */
+VELTRIX_API int DBC_GetSignalIndex(long long DBCHandle, int msgIndex, const char* pSignalName);
+
+/* Number of signals of message msgIndex; -5, -4. */
+VELTRIX_API int DBC_GetSignalCount(long long DBCHandle, int msgIndex);
+
+/* As DBC_GetSignalValue / DBC_SetSignalValue for signal sigIndex of message msgIndex.
+ * Return 0; -3 (NULL pValue), -4, -5 (index out of range), -6 (DBC_GetSignalValueByIndex
+ * only: multiplexed signal not selected; *pValue untouched). */
+VELTRIX_API int DBC_GetSignalValueByIndex(long long DBCHandle, int msgIndex, int sigIndex,
+                                          double* pValue);
+VELTRIX_API int DBC_SetSignalValueByIndex(long long DBCHandle, int msgIndex, int sigIndex,
+                                          double value);
+
+/* Decodes one received frame in a single call: the message of the frame's identifier takes
+ * the frame as DBC_SyncCANMsgToValue would, *pMsgIndex (may be NULL) receives its index and
+ * pValues[i] the physical value of its signal i, for i below capacity; a multiplexed signal
+ * that the frame's switch does not select reads as NaN. pValues may be NULL when capacity is
+ * 0 or below. Returns the message's signal count (values beyond capacity are not written);
+ * -5 when no message has the identifier (nothing written), -3 (NULL frame, or NULL
+ * pValues with a positive capacity), -4. */
+VELTRIX_API int DBC_DecodeCANMsg(long long DBCHandle, const CAN_MSG* pCANMsg, int* pMsgIndex,
+                                 double* pValues, int capacity);
+
+/* As DBC_DecodeCANMsg for a CAN FD frame, as DBC_SyncCANFDMsgToValue takes it. */
+VELTRIX_API int DBC_DecodeCANFDMsg(long long DBCHandle, const CANFD_MSG* pCANFDMsg,
+                                   int* pMsgIndex, double* pValues, int capacity);
+
+/* As DBC_SyncValueToCANMsg for message msgIndex. Returns 0; -3, -4, -5. */
+VELTRIX_API int DBC_EncodeCANMsgByIndex(long long DBCHandle, int msgIndex, CAN_MSG* pCANMsg);
+
 VELTRIX_EXTERN_C_END
 
 #endif

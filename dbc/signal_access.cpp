@@ -1,0 +1,96 @@
+// Signal values in and out of a message's data image, shared by the name-based and the
+// index-based DBC functions.
+#include "dbc/signal_access.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "veltrix/dbc.h"
+
+namespace veltrix::dbc {
+
+int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_SIGNAL& signal) {
+  const DBC_MESSAGE& message = db.messages()[switch_message];
+  const uint32_t sw = db.muxSwitch(switch_message);
+  uint64_t selected = 0;
+  if (sw != DBC_Decoder::kNone) {
+    const DBC_SIGNAL& s = message.signals[sw];
+    selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), message.data,
+                                            ByteOrder(s.byteOrder));
+  }
+  if (signal.multiplexMode != MUX_NONE && signal.multiplexMode != MUX_SWITCH) {
+    if (!(sw != DBC_Decoder::kNone && signal.multiplexMode == MUX_SELECTED &&
+          signal.multiplexValue == selected)) {
+      return DBC_ERR_MUX_INACTIVE;
+    }
+  }
+  return DBC_OK;
+}
+
+void decode_signals(DBC_MESSAGE& m, const uint8_t* data) {
+  for (DBC_SIGNAL& s : m.signals) {
+    s.rawValue =
+        DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), data, ByteOrder(s.byteOrder));
+  }
+}
+
+void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image) {
+  const DBC_MESSAGE& m = db.messages()[mi];
+  std::memset(image, 0, kDataBytes);
+  const uint32_t sw = db.muxSwitch(mi);
+  uint64_t selected = 0;
+  if (sw != DBC_Decoder::kNone) {
+    const DBC_SIGNAL& s = m.signals[sw];
+    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
+                                 ByteOrder(s.byteOrder));
+    selected = s.rawValue;
+  }
+  for (const DBC_SIGNAL& s : m.signals) {
+    if (sw != DBC_Decoder::kNone && s.multiplexMode == MUX_SELECTED &&
+        s.multiplexValue != selected) {
+      continue;
+    }
+    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
+                                 ByteOrder(s.byteOrder));
+  }
+}
+
+uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f) {
+  constexpr size_t kCanBytes = sizeof f.Data;
+  const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
+  const uint32_t mi = db.findMessageById(key);
+  if (mi == DBC_Decoder::kNone) return mi;
+  DBC_MESSAGE& m = db.messages()[mi];
+  // Bytes 8..63 of the stored data keep what they held; the decode reads zeros there.
+  uint8_t image[kDataBytes] = {};
+  std::memcpy(m.data, f.Data, kCanBytes);
+  std::memcpy(image, f.Data, kCanBytes);
+  decode_signals(m, image);
+  return mi;
+}
+
+uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f) {
+  const uint32_t mi = db.findMessageById(f.ID);  // bit 31 already marks extended ids
+  if (mi == DBC_Decoder::kNone) return mi;
+  DBC_MESSAGE& m = db.messages()[mi];
+  std::memcpy(m.data, f.Data, kDataBytes);
+  decode_signals(m, f.Data);
+  return mi;
+}
+
+void build_can_msg(const DBC_Decoder& db, uint32_t mi, CAN_MSG* out) {
+  // Encoded into a full image, so a signal placed beyond byte 7 cannot spill into the rest
+  // of the record; only the first 8 bytes travel.
+  uint8_t image[kDataBytes];
+  encode_signals(db, mi, image);
+  const DBC_MESSAGE& m = db.messages()[mi];
+  std::memcpy(out->Data, image, sizeof out->Data);
+  out->FrameFlags = 0;
+  out->ID = m.id & 0x1FFFFFFFu;
+  out->ExtFlag = uint8_t(m.id >> 31);
+  // A file may declare more than 8 bytes (or anything up to 255); the record holds 8, and
+  // applications copy DataLen bytes out of it.
+  out->DataLen = uint8_t(std::min<uint32_t>(m.dlc, sizeof out->Data));
+}
+
+}  // namespace veltrix::dbc

@@ -1,0 +1,37 @@
+// Signal values in and out of a message's data image, shared by the name-based and the
+// index-based DBC functions.
+#pragma once
+
+#include <cstdint>
+
+#include "dbc/decoder.hpp"
+#include "veltrix/can.h"
+#include "veltrix/canfd.h"
+
+namespace veltrix::dbc {
+
+// DBC_OK, or DBC_ERR_MUX_INACTIVE for a multiplexed signal that the switch of message
+// `switch_message` does not select. The switch is decoded from that message's data image,
+// i.e. from the last frame received for it.
+int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_SIGNAL& signal);
+
+// Stores every signal's raw value as it stands in `data` (kDataBytes long).
+void decode_signals(DBC_MESSAGE& m, const uint8_t* data);
+
+// Writes the message's current signal values into a cleared payload image. With a switch,
+// a multiplexed signal is written only when the switch holds its multiplex value; without
+// one every signal is written. Later signals overwrite earlier ones where bits overlap.
+void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image);
+
+// A received frame: finds the message of its identifier, keeps the bytes as the message's
+// last received data and stores every signal's raw value. A classic frame carries 8 bytes
+// (DataLen is not consulted; the rest of the image reads zeros), a CAN FD frame 64.
+// Returns the message index, or DBC_Decoder::kNone when no message has the identifier.
+uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f);
+uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f);
+
+// The classic frame of message mi from its current signal values: Data filled, FrameFlags
+// 0, ID and ExtFlag from the message id, DataLen the file's length, at most 8.
+void build_can_msg(const DBC_Decoder& db, uint32_t mi, CAN_MSG* out);
+
+}  // namespace veltrix::dbc
