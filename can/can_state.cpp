@@ -21,6 +21,15 @@ CanPort* port_state(int slot, unsigned port) {
   return &state().slot[slot].port[port];
 }
 
+void count_clamped(uint32_t handle, size_t n) {
+  if (auto slot = slot_of(handle)) state().slot[*slot].clamped_records.fetch_add(n);
+}
+
+uint64_t clamped_records(uint32_t handle) {
+  auto slot = slot_of(handle);
+  return slot ? state().slot[*slot].clamped_records.load() : 0;
+}
+
 uint32_t host_timestamp(int slot) {
   const CanSlot& s = state().slot[slot];
   uint64_t elapsed_ms = GetTimestampOfDay() - s.time_start.load(std::memory_order_relaxed);

@@ -37,6 +37,7 @@ struct CanSlot {
   std::atomic<uint32_t> timestamp_error{0};  // adapter counter at CAN_Init, 100 us units
   std::atomic<uint64_t> time_start{0};       // host milliseconds at CAN_Init
   std::atomic<uint32_t> handle{0};           // the handle the receive thread serves
+  std::atomic<uint64_t> clamped_records{0};  // received records whose DataLen was above 8
   std::mutex thread_mutex;
   std::thread reader;  // guarded by thread_mutex; not joinable: the slot has no thread
 };
@@ -59,19 +60,24 @@ inline bool is_canfd_model(uint32_t handle) {
   return (handle & 0xFF000000u) - 0x53000000u < 0x02000000u;
 }
 
+// Counts received records whose length had to be cut to the 8 bytes a record holds.
+void count_clamped(uint32_t handle, size_t n);
+// The count so far for an adapter (0 for a handle not in the registry).
+uint64_t clamped_records(uint32_t handle);
+
 // Frame time made by the host: the adapter's counter at CAN_Init plus the host time
 // elapsed since, both in 100 us units (wraps with the 32-bit counter).
 uint32_t host_timestamp(int slot);
 
-// The one table from transport results to the family's codes.
+// The one table from transport results to the family's codes. The public table has one
+// code for every reply fault (none, late, short, wrong code, lost framing).
 inline int map_result(const ExchangeResult& r) {
   switch (r.code) {
     case Transport::Ok: return CAN_SUCCESS;
     case Transport::WriteFailed: return CAN_ERR_USB_WRITE_FAIL;
-    case Transport::ReadFailed:
-    case Transport::NoMemory: return CAN_ERR_USB_READ_FAIL;
+    default:
+      return CAN_ERR_USB_READ_FAIL;
   }
-  return CAN_ERR_USB_READ_FAIL;
 }
 
 // Commands acknowledged by an empty reply: a reply carrying payload is a refusal.

@@ -5,6 +5,7 @@
 #include "can/fd_bridge.hpp"
 #include "can/timing_tables.hpp"
 #include "device/abi.hpp"
+#include "device/adapter_clock.hpp"
 #include "device/thread_list.hpp"
 #include "device/wire.hpp"
 #include "veltrix/device.h"
@@ -70,7 +71,8 @@ int init(uint32_t h, uint8_t port, const CAN_CHANNEL_CONFIG* c) {
 
   CanSlot& s = state().slot[*slot];
   unsigned int counter = 0;
-  if (DEV_GetTimestamp(h, 0, &counter) == 1) s.timestamp_error.store(counter);
+  // An empty reply carries no counter: the value stored at an earlier init stays.
+  if (read_timestamp(h, 0, &counter) > 0) s.timestamp_error.store(counter);
   s.time_start.store(GetTimestampOfDay());
   uint32_t divisor = (uint32_t(c->Seg1) + c->Seg2 + 1) * c->Prescaler;
   if (ps) ps->baud_rate.store(divisor ? kStoredRateClockHz / divisor : 0);

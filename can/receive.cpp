@@ -160,11 +160,19 @@ int read_frames(uint32_t h, uint8_t port, std::span<CAN_MSG> out) {
   const uint8_t payload[1] = {port};
   std::vector<uint8_t> raw(out.size() * kRecordSize);
   ExchangeResult r = exchange(h, {.cmd = kCmdRead, .payload = payload, .reply = raw});
-  if (r.code == Transport::WriteFailed) return CAN_ERR_USB_WRITE_FAIL;
-  if (!r.ok()) return CAN_ERR_USB_READ_FAIL;
+  if (!r.ok()) return map_result(r);
   // A reply longer than the room was cut by the transport; a partial record is ignored.
   const size_t n = r.copied / kRecordSize;
-  for (size_t i = 0; i < n; ++i) out[i] = decode_frame(raw.data() + i * kRecordSize);
+  size_t clamped = 0;
+  for (size_t i = 0; i < n; ++i) {
+    out[i] = decode_frame(raw.data() + i * kRecordSize);
+    // Applications copy DataLen bytes out of Data: never hand on more than it holds.
+    if (out[i].DataLen > sizeof out[i].Data) {
+      out[i].DataLen = sizeof out[i].Data;
+      ++clamped;
+    }
+  }
+  if (clamped) count_clamped(h, clamped);
   return int(n);
 }
 
@@ -240,11 +248,12 @@ VELTRIX_EXPORT(int, CAN_GetMsg, (unsigned int h, unsigned char port, CAN_MSG* ou
 
 VELTRIX_EXPORT(int, CAN_GetMsgWithSize,
                (unsigned int h, unsigned char port, CAN_MSG* out, int size), 0, {
-                 if (size < 1) return 0;
-                 if (out == nullptr) return CAN_ERR_PARAMETER;
+                 if (size >= 1 && out == nullptr) return CAN_ERR_PARAMETER;
                  if (can::is_canfd_model(h) && can::slot_of(h))
                    return can::fd_get(h, port, out, size);
-                 return can::take(h, port & 1u, {out, size_t(size)}, false, true);
+                 // Without a receive thread the poll happens whatever the room: a batch the
+                 // adapter holds is queued now instead of being left behind.
+                 return can::take(h, port & 1u, {out, size_t(std::max(size, 0))}, false, true);
                })
 
 VELTRIX_EXPORT(int, CAN_ClearMsg, (unsigned int h, unsigned char port), 0,
@@ -259,9 +268,8 @@ VELTRIX_EXPORT(int, CAN_SetCANMsgToBuffer,
 
 VELTRIX_EXPORT(int, CAN_GetCANMsgFromUDSBuffer,
                (unsigned int h, unsigned char port, CAN_MSG* out, int size), 0, {
-                 if (size < 1) return 0;
-                 if (out == nullptr) return CAN_ERR_PARAMETER;
-                 return can::take(h, port, {out, size_t(size)}, true, false);
+                 if (size >= 1 && out == nullptr) return CAN_ERR_PARAMETER;
+                 return can::take(h, port, {out, size_t(std::max(size, 0))}, true, false);
                })
 
 VELTRIX_EXPORT(int, CAN_ClearCANMsgFromUDSBuffer, (unsigned int h, unsigned char port), 0,

@@ -63,7 +63,12 @@ int send_async(uint32_t h, uint8_t port, CAN_MSG* frames, uint32_t count) {
     ExchangeResult r = exchange(h, {.cmd = kCmdSend, .payload = p.span(), .reply = accepted,
                                     .timeout_ms = async_reply_timeout_ms(n)});
     if (!r.ok()) return map_result(r);
-    total += int(wire::get_le32(accepted.data()));
+    // The adapter cannot have accepted more than it was given: a count above the chunk, or
+    // a reply too short to hold one, is a broken reply rather than a number to pass on.
+    if (r.copied < accepted.size()) return CAN_ERR_USB_READ_FAIL;
+    const uint32_t taken = wire::get_le32(accepted.data());
+    if (taken > n) return CAN_ERR_USB_READ_FAIL;
+    total += int(taken);
   }
   return total;
 }
@@ -119,8 +124,8 @@ int get_send_info(uint32_t h, uint8_t port, CAN_TX_INFO* out) {
   std::array<uint8_t, kTxInfoSize> reply{};
   ExchangeResult r = exchange(h, {.cmd = kCmdTxInfo, .payload = payload, .reply = reply,
                                   .canfd_channel = port});
-  if (r.code == Transport::WriteFailed) return CAN_ERR_USB_WRITE_FAIL;
-  if (!r.ok() || r.reply_len != kTxInfoSize) return CAN_ERR_USB_READ_FAIL;
+  if (!r.ok()) return map_result(r);
+  if (r.reply_len != kTxInfoSize) return CAN_ERR_USB_READ_FAIL;
   out->QueuedCount = reply[0];
   out->Reserved = reply[1];
   out->SentCount = reply[2];

@@ -1,4 +1,7 @@
 // The adapter's timestamp counter and its power level setting.
+#include "device/adapter_clock.hpp"
+
+#include <algorithm>
 #include <array>
 
 #include "device/abi.hpp"
@@ -21,15 +24,24 @@ int set_power_level(uint32_t h, uint8_t level) {
   return r.ok() ? 1 : 0;
 }
 
-int get_timestamp(uint32_t h, uint8_t selector, unsigned int* out) {
-  if (out == nullptr) return 0;
+}  // namespace
+
+int read_timestamp(uint32_t h, uint8_t selector, unsigned int* out) {
+  if (out == nullptr) return -1;
   const uint8_t payload[1] = {selector};
   std::array<uint8_t, kTimestampBytes> raw{};
   ExchangeResult r = exchange(h, {.cmd = kCmdGetTimestamp, .payload = payload, .reply = raw});
-  if (!r.ok() || r.reply_len != kTimestampBytes) return 0;
-  *out = wire::get_le32(raw.data());
-  return 1;
+  if (!r.ok()) return -1;
+  // The reply bytes overlay the result in the adapter's byte order; a shorter reply updates
+  // only the low bytes, a longer one gives its first four.
+  std::array<uint8_t, kTimestampBytes> merged;
+  wire::put_le32(merged.data(), *out);
+  std::copy_n(raw.begin(), r.copied, merged.begin());
+  *out = wire::get_le32(merged.data());
+  return int(r.copied);
 }
+
+namespace {
 
 int reset_timestamp(uint32_t h) {
   ExchangeResult r = exchange(h, {.cmd = kCmdResetTimestamp});
@@ -47,7 +59,7 @@ VELTRIX_EXPORT(int, DEV_SetPowerLevel, (unsigned int h, unsigned char level), 0,
                { return set_power_level(h, level); })
 
 VELTRIX_EXPORT(int, DEV_GetTimestamp, (unsigned int h, unsigned char selector, unsigned int* out),
-               0, { return get_timestamp(h, selector, out); })
+               0, { return read_timestamp(h, selector, out) >= 0 ? 1 : 0; })
 
 VELTRIX_EXPORT(int, DEV_ResetTimestamp, (unsigned int h), 0, { return reset_timestamp(h); })
 

@@ -1,4 +1,5 @@
 // Command packets: framing, the send retry policy and bounded reply reading.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -55,51 +56,77 @@ int send_with_retry(uint32_t handle, Attempt attempt) {
   return r;
 }
 
-// Reads and discards n payload bytes so the reply stream stays framed. A length beyond
-// anything the adapter sends means the stream has lost its framing: the device is reset
-// instead of reading gigabytes.
-void drain(uint32_t handle, uint32_t n, int timeout_ms) {
-  if (n > kMaxReplyBytes) {
-    if (usb_list* r = usb_list_post(handle); r && r->handle) libusb_reset_device(r->handle);
-    return;
+Transport from_read(ReadStatus s) {
+  switch (s) {
+    case ReadStatus::Ok:
+      return Transport::Ok;
+    case ReadStatus::Short:
+      return Transport::ShortReply;
+    case ReadStatus::TimedOut:
+      return Transport::Timeout;
+    case ReadStatus::Failed:
+      return Transport::ReadFailed;
   }
+  return Transport::ReadFailed;
+}
+
+// A header whose length has the top bit set, or exceeds anything the adapter sends, is not
+// a reply but a stream that lost its framing: whatever follows cannot be told apart from the
+// next reply. A bus reset empties the adapter's IN FIFO so the next command starts clean.
+bool framing_lost(uint32_t len) { return len > kMaxReplyBytes; }
+
+void reset_stream(uint32_t handle) {
+  if (usb_list* r = usb_list_post(handle); r && r->handle) libusb_reset_device(r->handle);
+}
+
+// Reads and discards n payload bytes so the reply stream stays framed.
+void drain(uint32_t handle, uint32_t n, int timeout_ms) {
   std::vector<uint8_t> scratch(n);
-  USBBulkReadData(handle, identity::kEpReplyIn, scratch.data(), int(n), timeout_ms);
+  bulk_read(handle, identity::kEpReplyIn, scratch.data(), n, timeout_ms);
 }
 
 }  // namespace
 
-int read_reply(uint32_t handle, USB_MSG* msg, size_t capacity, int timeout_ms) {
-  if (msg == nullptr) return -3;
+Transport read_reply(uint32_t handle, USB_MSG* msg, size_t capacity, int timeout_ms,
+                     size_t* copied) {
+  size_t landed = 0;
+  if (copied) *copied = 0;
+  if (msg == nullptr) return Transport::ReadFailed;
   const uint32_t expected = msg->cmd;
   uint8_t header[8];
-  if (USBBulkReadData(handle, identity::kEpReplyIn, header, 8, timeout_ms) != 8) {
+  BulkRead h = bulk_read(handle, identity::kEpReplyIn, header, sizeof header, timeout_ms);
+  if (h.status != ReadStatus::Ok) {
     msg->cmd = 0;
     msg->len = 0;
-    return -3;
+    // Part of a header is still a reply that came, only cut short.
+    return h.got > 0 && h.status == ReadStatus::TimedOut ? Transport::ShortReply
+                                                         : from_read(h.status);
   }
   msg->cmd = wire::get_be32(header);
   msg->len = wire::get_be32(header + 4);
-  if (int32_t(msg->len) <= 0) return 0;  // header-only reply
+  if (msg->len == 0) return Transport::Ok;  // header-only reply
+  if (framing_lost(msg->len)) {
+    reset_stream(handle);
+    return Transport::ReadFailed;
+  }
   if (msg->data == nullptr || msg->cmd != expected) {
     drain(handle, msg->len, timeout_ms);
-    return -3;
+    return msg->cmd != expected ? Transport::WrongCode : Transport::ReadFailed;
   }
+  BulkRead p;
   if (msg->len <= capacity) {
-    // The payload read's own result is not examined: the header already said what came.
-    USBBulkReadData(handle, identity::kEpReplyIn, msg->data, int(msg->len), timeout_ms);
-    return 0;
+    p = bulk_read(handle, identity::kEpReplyIn, msg->data, msg->len, timeout_ms);
+    landed = p.got;
+  } else {
+    // Longer than the caller's buffer: read it whole (one transfer, as the adapter sent it)
+    // and keep what fits of what came.
+    std::vector<uint8_t> whole(msg->len);
+    p = bulk_read(handle, identity::kEpReplyIn, whole.data(), msg->len, timeout_ms);
+    landed = std::min(p.got, capacity);
+    if (landed) std::memcpy(msg->data, whole.data(), landed);
   }
-  // Longer than the caller's buffer: read it whole (one transfer, as the adapter sent it)
-  // and keep what fits.
-  if (msg->len > kMaxReplyBytes) {
-    drain(handle, msg->len, timeout_ms);
-    return -3;
-  }
-  std::vector<uint8_t> whole(msg->len);
-  USBBulkReadData(handle, identity::kEpReplyIn, whole.data(), int(msg->len), timeout_ms);
-  if (capacity) std::memcpy(msg->data, whole.data(), capacity);
-  return 0;
+  if (copied) *copied = landed;
+  return from_read(p.status);
 }
 
 int send_packet(uint32_t handle, const USB_MSG* msg, int timeout_ms) {
@@ -114,9 +141,10 @@ int send_canfd_packet(uint32_t handle, uint8_t channel, const USB_MSG* msg, int 
       handle, [&] { return send_once(handle, ep, Pipe::Bulk, msg, timeout_ms); });
 }
 
-int get_packet(uint32_t handle, USB_MSG* msg, size_t capacity, int timeout_ms) {
-  int r = read_reply(handle, msg, capacity, timeout_ms);
-  if (r != 0) {
+Transport get_packet(uint32_t handle, USB_MSG* msg, size_t capacity, int timeout_ms,
+                     size_t* copied) {
+  Transport r = read_reply(handle, msg, capacity, timeout_ms, copied);
+  if (r != Transport::Ok) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     retry_connect_dev(handle);
   }
@@ -126,6 +154,20 @@ int get_packet(uint32_t handle, USB_MSG* msg, size_t capacity, int timeout_ms) {
 }  // namespace veltrix
 
 using namespace veltrix;
+
+namespace {
+
+// The exported readers keep their two documented results: every failure is -3. A len of 0
+// on entry is the documented calling form (no capacity given): the caller's buffer takes the
+// whole reply. A non-zero len bounds what is written.
+template <typename Reader>
+int exported_get(unsigned int h, USB_MSG* msg, int timeout_ms, Reader reader) {
+  if (msg == nullptr) return -3;
+  const size_t capacity = msg->len ? size_t(msg->len) : size_t(kMaxReplyBytes);
+  return reader(h, msg, capacity, timeout_ms, nullptr) == Transport::Ok ? 0 : -3;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -157,9 +199,9 @@ VELTRIX_EXPORT(int, MSG_SendInt, (unsigned int h, USB_MSG* msg, int timeout_ms),
 })
 
 VELTRIX_EXPORT(int, USB_MSG_Get, (unsigned int h, USB_MSG* msg, int timeout_ms), -3,
-               { return read_reply(h, msg, msg ? msg->len : 0, timeout_ms); })
+               { return exported_get(h, msg, timeout_ms, read_reply); })
 
 VELTRIX_EXPORT(int, MSG_Get, (unsigned int h, USB_MSG* msg, int timeout_ms), -3,
-               { return get_packet(h, msg, msg ? msg->len : 0, timeout_ms); })
+               { return exported_get(h, msg, timeout_ms, get_packet); })
 
 }  // extern "C"

@@ -24,8 +24,16 @@ constexpr uint8_t kStatusRefused = 1;
 int write_timeout_ms(size_t chunk) { return int(chunk * 20 / 64) + 1000; }
 int read_timeout_ms(size_t chunk) { return int(chunk * 10 / 64) + 1000; }
 
+// The family's table: a command that could not be sent, and every reply fault.
 int transport_code(const ExchangeResult& r) {
-  return r.code == Transport::WriteFailed ? ARG_ERR_SEND : ARG_ERR_REPLY;
+  switch (r.code) {
+    case Transport::Ok:
+      return ARG_SUCCESS;
+    case Transport::WriteFailed:
+      return ARG_ERR_SEND;
+    default:
+      return ARG_ERR_REPLY;
+  }
 }
 
 // Address of chunk k: the previous chunk's address plus k chunks, i.e. plus the running

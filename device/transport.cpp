@@ -1,7 +1,5 @@
 #include "device/transport.hpp"
 
-#include <algorithm>
-
 #include "device/locks.hpp"
 
 namespace veltrix {
@@ -23,14 +21,15 @@ ExchangeResult exchange_locked(uint32_t handle, const Exchange& x) {
   msg.len = 0;
   msg.data = x.reply.empty() ? no_room : x.reply.data();
   const uint32_t expected = msg.cmd;
-  r = get_packet(handle, &msg, x.reply.size(), x.timeout_ms);
+  size_t copied = 0;
+  Transport t = get_packet(handle, &msg, x.reply.size(), x.timeout_ms, &copied);
   // A bare header with a foreign code passes the packet reader (it has no payload to
   // misplace), but for the command waiting on it, it is still the wrong reply.
-  if (r == 0 && msg.cmd != expected) r = static_cast<int>(Transport::ReadFailed);
-  res.code = static_cast<Transport>(r);
+  if (t == Transport::Ok && msg.cmd != expected) t = Transport::WrongCode;
+  res.code = t;
   res.reply_cmd = msg.cmd;
   res.reply_len = msg.len;
-  if (r == 0 && int32_t(msg.len) > 0) res.copied = std::min<size_t>(msg.len, x.reply.size());
+  res.copied = copied;
   return res;
 }
 

@@ -2,6 +2,9 @@
 
 #include <libusb.h>
 
+#include <algorithm>
+#include <cstdint>
+
 #include "device/abi.hpp"
 #include "device/registry.hpp"
 
@@ -27,6 +30,30 @@ int fail(libusb_device_handle* h, int code) {
 
 }  // namespace
 
+namespace veltrix {
+
+BulkRead bulk_read(uint32_t handle, int ep, uint8_t* buf, size_t len, int timeout_ms) {
+  BulkRead out;
+  libusb_device_handle* h = open_handle(handle);
+  if (h == nullptr || len > size_t(INT32_MAX) || (buf == nullptr && len > 0)) return out;
+  // The adapter may take up to a second to start a reply even to a quick command.
+  if (timeout_ms < 1000) timeout_ms = 1000;
+  int done = 0;
+  int r = libusb_bulk_transfer(h, uint8_t(ep | 0x80), buf, int(len), &done, unsigned(timeout_ms));
+  out.got = done > 0 ? std::min(size_t(done), len) : 0;
+  if (r == 0 && out.got == len) {
+    out.status = ReadStatus::Ok;
+    return out;
+  }
+  out.status = r == LIBUSB_ERROR_TIMEOUT ? ReadStatus::TimedOut
+               : r == 0                  ? ReadStatus::Short
+                                         : ReadStatus::Failed;
+  libusb_reset_device(h);
+  return out;
+}
+
+}  // namespace veltrix
+
 extern "C" {
 
 VELTRIX_EXPORT(int, USBBulkWriteData,
@@ -50,14 +77,9 @@ VELTRIX_EXPORT(int, USBBulkWriteData,
 
 VELTRIX_EXPORT(int, USBBulkReadData,
                (uint32_t handle, int ep, uint8_t* buf, int len, int timeout_ms), -3, {
-                 libusb_device_handle* h = open_handle(handle);
-                 if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -3;
-                 if (timeout_ms < 1000) timeout_ms = 1000;
-                 int done = 0;
-                 int r = libusb_bulk_transfer(h, uint8_t(ep | 0x80), buf, len, &done,
-                                              unsigned(timeout_ms));
-                 if (r != 0 || done != len) return fail(h, -3);
-                 return done;
+                 if (len < 0) return -3;
+                 veltrix::BulkRead r = veltrix::bulk_read(handle, ep, buf, size_t(len), timeout_ms);
+                 return r.status == veltrix::ReadStatus::Ok ? int(r.got) : -3;
                })
 
 VELTRIX_EXPORT(int, USBIntWriteData,

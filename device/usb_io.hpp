@@ -2,9 +2,30 @@
 // after any failed transfer so that the next exchange starts from clean endpoints.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "veltrix/api.h"
+
+namespace veltrix {
+
+// How a bulk read ended, so the command transport can tell a late reply from a short one.
+enum class ReadStatus {
+  Ok,        // exactly the requested count arrived
+  Short,     // the adapter ended the transfer early
+  TimedOut,  // the time-out ran out first (some bytes may have arrived)
+  Failed,    // unknown or closed adapter, or a transfer error
+};
+
+struct BulkRead {
+  ReadStatus status = ReadStatus::Failed;
+  size_t got = 0;  // bytes written into the buffer, whatever the status
+};
+
+// USBBulkReadData with the outcome spelled out; it resets the device on the same failures.
+BulkRead bulk_read(uint32_t handle, int ep, uint8_t* buf, size_t len, int timeout_ms);
+
+}  // namespace veltrix
 
 extern "C" {
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -110,6 +111,12 @@ int decode_text(int dev_handle, std::string_view raw, LDF_CODING* record, bool o
 VELTRIX_EXPORT(int, LDF_Decode, (int DevHandle, const char* path, LDF_CODING* coding), -4, {
   if (!path || !coding) return -4;
   return veltrix::ldf::decode(DevHandle, path, coding, false);
+})
+
+VELTRIX_EXPORT(int, LDF_Init, (int DevHandle, const char* path), -4, {
+  if (!path) return -1;  // no file to open
+  std::scoped_lock g(veltrix::ldf::load_mutex());
+  return veltrix::ldf::LDF_Init(veltrix::ldf::load_state(), DevHandle, path);
 })
 
 VELTRIX_EXPORT(int, LDF_DecodeFree, (LDF_CODING * coding), 0, {

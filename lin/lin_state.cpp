@@ -15,21 +15,15 @@ int slot_of(int handle) {
   return slot >= 0 && slot < kSlots ? slot : -1;
 }
 
-ExchangeResult lin_exchange(int handle, const Exchange& x) {
-  ExchangeResult r = exchange(uint32_t(handle), x);
-  const uint32_t want = x.reply_cmd ? x.reply_cmd : x.cmd;
-  if (r.ok() && x.want == Reply::Expected && r.reply_cmd != want) r.code = Transport::ReadFailed;
-  return r;
-}
+ExchangeResult lin_exchange(int handle, const Exchange& x) { return exchange(uint32_t(handle), x); }
 
 int lin_code(const ExchangeResult& r) {
   switch (r.code) {
     case Transport::Ok: return LIN_EX_SUCCESS;
     case Transport::WriteFailed: return LIN_EX_ERR_SEND;
-    case Transport::ReadFailed:
-    case Transport::NoMemory: return LIN_EX_ERR_REPLY;
+    default:
+      return LIN_EX_ERR_REPLY;  // no, late, short or foreign reply
   }
-  return LIN_EX_ERR_REPLY;
 }
 
 int lin_ack_code(const ExchangeResult& r) {

@@ -21,6 +21,7 @@ struct LinState {
   std::array<std::array<std::atomic<uint8_t>, LIN_EX_MAX_CHANNELS>, kSlots> ex_init{};
   std::array<std::array<std::atomic<int32_t>, LIN_MAX_CHANNELS>, kSlots> old_baud{};
   std::array<std::atomic<uint8_t>, kSlots> use_new_api{};
+  std::atomic<uint64_t> clamped_records{0};  // received records whose DataLen was cut
 };
 
 LinState& state();
@@ -28,8 +29,7 @@ LinState& state();
 // The registry slot of an open adapter's handle, or -1.
 int slot_of(int handle);
 
-// The one exchange of a LIN operation. A header-only reply that carries another command's
-// code is turned into a read failure here: the transport passes such replies on.
+// The one exchange of a LIN operation (the device handle is signed in this family).
 ExchangeResult lin_exchange(int handle, const Exchange& x);
 
 // Transport result to the LIN family's code (0, -2 or -4).

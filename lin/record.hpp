@@ -13,12 +13,24 @@
 #include <span>
 
 #include "device/wire.hpp"
+#include "lin/lin_state.hpp"
 #include "veltrix/lin.h"
 
 namespace veltrix::lin {
 
 inline constexpr size_t kRecordSize = 20;
 inline constexpr size_t kOldFrameSize = 11;  // LIN_MSG on the older command set
+// The older record's DataLen counts the checksum too: its 8 data bytes and Check, which
+// follows them in the record.
+inline constexpr uint8_t kOldMaxDataLen = sizeof(LIN_MSG::Data) + 1;
+
+// Applications copy DataLen bytes out of a record: a length the record cannot hold is cut
+// to what it holds, and counted.
+inline uint8_t clamp_len(uint8_t len, uint8_t max) {
+  if (len <= max) return len;
+  state().clamped_records.fetch_add(1, std::memory_order_relaxed);
+  return max;
+}
 
 inline void put_record(wire::PayloadBuilder& b, const LIN_EX_MSG& m) {
   b.le32(m.Timestamp).u8(m.MsgType).u8(m.CheckType).u8(m.DataLen).u8(m.Sync).u8(m.PID);
@@ -39,8 +51,7 @@ inline LIN_EX_MSG get_record(std::span<const uint8_t> reply, size_t i) {
   m.Check = r.u8();
   m.BreakBits = r.u8();
   m.Reserved = r.u8();
-  // A record holds at most 8 data bytes, whatever length the adapter claims.
-  if (m.DataLen > sizeof m.Data) m.DataLen = sizeof m.Data;
+  m.DataLen = clamp_len(m.DataLen, sizeof m.Data);
   return m;
 }
 
@@ -55,6 +66,7 @@ inline LIN_MSG get_old_frame(std::span<const uint8_t> reply, size_t i) {
   m.DataLen = r.u8();
   r.bytes(m.Data, sizeof m.Data);
   m.Check = r.u8();
+  m.DataLen = clamp_len(m.DataLen, kOldMaxDataLen);
   return m;
 }
 

@@ -9,8 +9,46 @@ std::recursive_mutex& sim_mutex() {
 
 Model::Model(Identity id) : id_(std::move(id)) { install_families(*this); }
 
-std::optional<Reply> Model::dispatch(const Command& c) {
+namespace {
+
+template <typename T>
+void keep_recent(std::deque<T>& q, size_t& dropped) {
+  while (q.size() > Model::kRecordMaxEntries) {
+    q.pop_front();
+    ++dropped;
+  }
+}
+
+}  // namespace
+
+void Model::record_command(const Command& c) {
   record_.push_back(c);
+  record_bytes_ += c.payload.size();
+  while (record_.size() > kRecordMaxEntries ||
+         (record_bytes_ > kRecordMaxPayloadBytes && record_.size() > 1)) {
+    record_bytes_ -= record_.front().payload.size();
+    record_.pop_front();
+    ++dropped_;
+  }
+}
+
+void Model::record_out(const OutTransfer& t) {
+  out_.push_back(t);
+  keep_recent(out_, dropped_);
+}
+
+void Model::record_control(const ControlRequest& c) {
+  control_.push_back(c);
+  keep_recent(control_, dropped_);
+}
+
+size_t Model::dropped_records() const {
+  std::scoped_lock g(sim_mutex());
+  return dropped_;
+}
+
+std::optional<Reply> Model::dispatch(const Command& c) {
+  record_command(c);
   auto it = handlers_.find(c.code);
   if (it == handlers_.end()) {
     ++unknown_;
@@ -21,7 +59,7 @@ std::optional<Reply> Model::dispatch(const Command& c) {
 
 std::vector<Command> Model::commands() const {
   std::scoped_lock g(sim_mutex());
-  return record_;
+  return {record_.begin(), record_.end()};
 }
 
 std::vector<Command> Model::commands_with_code(uint32_t code) const {
@@ -34,17 +72,18 @@ std::vector<Command> Model::commands_with_code(uint32_t code) const {
 
 std::vector<OutTransfer> Model::out_transfers() const {
   std::scoped_lock g(sim_mutex());
-  return out_;
+  return {out_.begin(), out_.end()};
 }
 
 std::vector<ControlRequest> Model::control_requests() const {
   std::scoped_lock g(sim_mutex());
-  return control_;
+  return {control_.begin(), control_.end()};
 }
 
 void Model::clear_record() {
   std::scoped_lock g(sim_mutex());
   record_.clear();
+  record_bytes_ = 0;
   out_.clear();
   control_.clear();
 }

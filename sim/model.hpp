@@ -115,9 +115,16 @@ class Model {
   int resets() const;
   size_t unknown_commands() const;
 
+  // The record keeps the most recent commands only, so soaks and benchmarks through the
+  // virtual adapter run in bounded memory; tests look at far fewer than this.
+  static constexpr size_t kRecordMaxEntries = 8192;
+  static constexpr size_t kRecordMaxPayloadBytes = 32u << 20;
+  // Entries dropped from the front of the record so far.
+  size_t dropped_records() const;
+
   // Used by the USB front end (under sim_mutex()).
-  void record_out(const OutTransfer& t) { out_.push_back(t); }
-  void record_control(const ControlRequest& c) { control_.push_back(c); }
+  void record_out(const OutTransfer& t);
+  void record_control(const ControlRequest& c);
   void count_reset() { ++resets_; }
   std::optional<Fault> take_fault(uint32_t code);
   bool take_stall();
@@ -126,9 +133,13 @@ class Model {
   Identity id_;
   std::map<uint32_t, Handler> handlers_;
   std::unordered_map<std::type_index, std::shared_ptr<void>> ext_;
-  std::vector<Command> record_;
-  std::vector<OutTransfer> out_;
-  std::vector<ControlRequest> control_;
+  void record_command(const Command& c);
+
+  std::deque<Command> record_;
+  size_t record_bytes_ = 0;  // payload bytes held in record_
+  std::deque<OutTransfer> out_;
+  std::deque<ControlRequest> control_;
+  size_t dropped_ = 0;
   std::deque<Fault> faults_;
   int resets_ = 0;
   size_t unknown_ = 0;

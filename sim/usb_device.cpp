@@ -121,7 +121,10 @@ bool UsbDevice::handle(UMockdevIoctlClient* client) {
       UMockdevIoctlData* ud = completed_.front();
       completed_.pop_front();
       UMockdevIoctlData* p = umockdev_ioctl_data_resolve(arg, 0, sizeof(gpointer), nullptr);
+      // The argument keeps its own reference to the URB it now points at; the one this
+      // front end took at submission ends here, or every transfer would stay allocated.
       umockdev_ioctl_data_set_ptr(p, 0, ud);
+      umockdev_ioctl_data_unref(ud);
       g_object_unref(p);
       umockdev_ioctl_client_complete(client, 0, 0);
       return true;

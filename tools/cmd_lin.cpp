@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,19 @@ void print_frame(unsigned char id, const unsigned char* data, int n) {
   std::printf("\n");
 }
 
+// Identifiers recorded without data were headers a slave did not answer in the trace:
+// every record of such an identifier is replayed as a master read, as the list reader does
+// for the identifiers of its read list.
+void mark_unanswered_as_reads(std::span<LIN_EX_MSG> recs) {
+  std::vector<unsigned char> reads;
+  for (const LIN_EX_MSG& m : recs)
+    if (m.DataLen == 0 && std::find(reads.begin(), reads.end(), m.PID & 0x3F) == reads.end())
+      reads.push_back(m.PID & 0x3F);
+  for (LIN_EX_MSG& m : recs)
+    if (std::find(reads.begin(), reads.end(), m.PID & 0x3F) != reads.end())
+      m.MsgType = LIN_EX_MSG_TYPE_MR;
+}
+
 int fail(const char* what, int code) {
   std::fprintf(stderr, "veltrix lin: %s failed (%d)\n", what, code);
   return 1;
@@ -116,24 +130,15 @@ int run(int h, unsigned char ch, int argc, char** argv) {
     return 0;
   }
   if (op == "replay" && (argc == 5 || argc == 6)) {
+    // The file is read once: a file that changes meanwhile (a log being written, a FIFO)
+    // cannot disagree with itself, and the buffer is sized by the same decode whose records
+    // it receives (LIN_EX_GetListFileMsg has no capacity argument).
     int n = LIN_EX_DecodeListFile(argv[4], 1, int(baud), nullptr, 0, nullptr, 0);
     if (n < 0) return fail("reading the list file", n);
     std::vector<LIN_EX_MSG> in(size_t(n > 0 ? n : 1)), out(in.size());
-    LIN_EX_GetListFileMsg(0, n, in.data());
-    // Identifiers recorded without data were headers a slave did not answer in the trace:
-    // replay them as reads.
-    std::vector<unsigned char> reads;
-    for (int i = 0; i < n; ++i) {
-      const unsigned char id = in[size_t(i)].PID & 0x3F;
-      if (in[size_t(i)].DataLen == 0 && std::find(reads.begin(), reads.end(), id) == reads.end())
-        reads.push_back(id);
-    }
-    if (!reads.empty()) {
-      n = LIN_EX_DecodeListFile(argv[4], 1, int(baud), reads.data(),
-                                static_cast<signed char>(reads.size()), nullptr, 0);
-      if (n < 0) return fail("reading the list file", n);
-      LIN_EX_GetListFileMsg(0, n, in.data());
-    }
+    n = LIN_EX_GetListFileMsg(0, n, in.data());
+    if (n < 0) return fail("reading the list file", n);
+    mark_unanswered_as_reads({in.data(), size_t(n)});
     int sent = 0;
     for (int at = 0; at < n; at += 64) {  // one exchange per 64 frames
       const int count = n - at < 64 ? n - at : 64;

@@ -201,9 +201,10 @@ VELTRIX_API int CAN_GetStatus(unsigned int DevHandle, unsigned char CANIndex,
 /* Sends MsgNum frames in batches of 500. Before sending, each of the caller's records is
  * stamped: TimeStamp = host-made time (100 us units, on the base noted by CAN_Init) and
  * FrameFlags = RTR bit | port << 5 | CAN_MSG_FLAG_TX. pCanSendMsg may be NULL only when
- * MsgNum is 0. Returns the number of frames the adapter accepted (0 for MsgNum 0), or
- * -1, -2, -4 for the batch that failed (frames of earlier batches are then not
- * reported). */
+ * MsgNum is 0. Returns the number of frames the adapter accepted (0 for MsgNum 0, never
+ * more than MsgNum), or -1, -2, -4 for the batch that failed (frames of earlier batches are
+ * then not reported). A batch whose reply is not a 4-byte count, or counts more frames than
+ * the batch held, fails with -4. */
 VELTRIX_API int CAN_SendMsg(unsigned int DevHandle, unsigned char CANIndex,
                             CAN_MSG* pCanSendMsg, unsigned int MsgNum);
 
@@ -224,7 +225,10 @@ VELTRIX_API int CAN_GetSendMsgInfo(unsigned int DevHandle, unsigned char CANInde
 
 /* Reads the frames the adapter holds for the port, bypassing the queues.
  * pCanGetMsg: room for CAN_READ_MSG_MAX frames; not NULL. Returns the number read (a
- * longer reply is cut at CAN_READ_MSG_MAX), -1, -2, or -4. */
+ * longer reply is cut at CAN_READ_MSG_MAX), -1, -2, or -4 (no reply, a foreign or late
+ * one, or one shorter than it announced: no frame is made up from bytes that never came).
+ * A received record whose DataLen exceeds 8 is handed on with DataLen 8 (and counted by
+ * the library), here and on every receive path. */
 VELTRIX_API int CAN_ReadMsg(unsigned int DevHandle, unsigned char CANIndex,
                             CAN_MSG* pCanGetMsg);
 
@@ -247,8 +251,11 @@ VELTRIX_API int CAN_GetMsg(unsigned int DevHandle, unsigned char CANIndex,
                            CAN_MSG* pCanGetMsg);
 
 /* As CAN_GetMsg for port CANIndex & 1, moving at most BufferSize frames (none when
- * BufferSize is below 1). A failed poll's code (-2, -4) is returned. Returns 0 for an
- * unknown adapter; -1 when pCanGetMsg is NULL and BufferSize is positive. */
+ * BufferSize is below 1). When no receive thread polls the port, the adapter is polled
+ * once first whatever BufferSize is, so a batch it holds is queued, not left behind; frames
+ * beyond BufferSize stay queued for the next call. A failed poll's code (-2, -4) is
+ * returned. Returns 0 for an unknown adapter; -1 when pCanGetMsg is NULL and BufferSize is
+ * positive (pCanGetMsg may be NULL when BufferSize is below 1). */
 VELTRIX_API int CAN_GetMsgWithSize(unsigned int DevHandle, unsigned char CANIndex,
                                    CAN_MSG* pCanGetMsg, int BufferSize);
 
@@ -277,7 +284,8 @@ VELTRIX_API int CAN_SetCANMsgToBuffer(unsigned int DevHandle, unsigned char CANI
                                       CAN_MSG* pMsg, int MsgNum);
 
 /* Takes at most BufferSize frames from the port's ISO-TP queue (after one poll when the
- * port is not polled). Returns how many; 0 for an unknown adapter or port above 1. */
+ * port is not polled, made also when BufferSize is below 1). Returns how many; 0 for an
+ * unknown adapter or port above 1; -1 when pCanGetMsg is NULL and BufferSize is positive. */
 VELTRIX_API int CAN_GetCANMsgFromUDSBuffer(unsigned int DevHandle, unsigned char CANIndex,
                                            CAN_MSG* pMsg, int BufferSize);
 

@@ -110,7 +110,8 @@ VELTRIX_API int DBC_SyncValueToCANMsg(long long DBCHandle, const char* pMsgName,
 
 /* As DBC_SyncValueToCANMsg for a CAN FD frame: all 64 data bytes are cleared and filled,
  * ID = the message id with bit 31 kept, DLC = the DLC number of the file as written,
- * Flags = (is CAN FD << 2) | bit-rate switch. Reserved and the time fields are not
+ * Flags = (bit-rate switch << 2) | is CAN FD, the CANFD_MSG bits (bit 0 CAN FD format,
+ * bit 2 BRS; every other bit 0). Reserved and the time fields are not
  * touched. Returns 0; -3, -4, -5. */
 VELTRIX_API int DBC_SyncValueToCANFDMsg(long long DBCHandle, const char* pMsgName,
                                         CANFD_MSG* pCANFDMsg);

@@ -138,9 +138,12 @@ VELTRIX_API int DEV_SetPowerLevel(unsigned int DevHandle, unsigned char PowerLev
 /* Reads one of the adapter's counters.
  * Selector 0: 32-bit count of 100-microsecond units since the last reset (or power-up);
  * selector 1: the same time in microseconds (32 bits, wraps after about 71 minutes).
- * pTimestamp: must not be NULL; written only on success.
- * Returns 1 if the adapter answered with a 4-byte value, else 0 (also for a selector the
- * adapter does not know). */
+ * pTimestamp: must not be NULL (0 is returned). The reply's bytes are copied into it in
+ *   the adapter's (little-endian) order, at most 4: a shorter reply updates only the low
+ *   bytes and an empty one leaves it unchanged; nothing is written when 0 is returned.
+ * Returns 1 whenever the adapter answered the command (whatever the reply's length, so also
+ * for a selector it answers emptily), 0 when it did not answer or the reply was broken
+ * (wrong code, shorter than its header announced, late). */
 VELTRIX_API int DEV_GetTimestamp(unsigned int DevHandle, unsigned char Selector,
                                  unsigned int* pTimestamp);
 

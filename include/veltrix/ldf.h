@@ -278,6 +278,15 @@ VELTRIX_STATIC_ASSERT(offsetof(LDF_CODING, Schs) == 72, "LDF_CODING.Schs");
  * LDF_MAX_SECTION_BYTES. On failure *coding is left unchanged. */
 VELTRIX_API int LDF_Decode(int DevHandle, const char* path, LDF_CODING* coding);
 
+/* The first step of LDF_Decode on its own: records whether DevHandle is registered (the
+ * flag every later reader checks), then reads the file at path, strips its comments and
+ * blanks and cuts its sections into the library's process-wide load state, replacing the
+ * previous load. Nothing is returned to the caller but the result; LDF_Decode repeats
+ * this step itself. Returns 0, -1 path NULL or the file cannot be opened or read, -3 device
+ * not registered (the file is then not read), -4 file larger than 16 MiB or out of memory,
+ * -5 a section exceeds LDF_MAX_SECTION_BYTES. */
+VELTRIX_API int LDF_Init(int DevHandle, const char* path);
+
 /* Releases nothing, on purpose: decoded data stays valid. Returns 0. */
 VELTRIX_API int LDF_DecodeFree(LDF_CODING* coding);
 

@@ -244,7 +244,8 @@ VELTRIX_API int LIN_EX_GetListFileMsg(int MsgIndex, int MsgLen, LIN_EX_MSG* pLIN
 /* ---- Older interface ----------------------------------------------------------------- */
 
 /* Frame record of the older interface, 11 bytes. DataLen counts the data bytes and the
- * checksum byte (0 for a frame without either). */
+ * checksum byte (0 for a frame without either), so it is at most 9: the 8 Data bytes and
+ * Check, which follows them. A received record claiming more is handed on with 9. */
 typedef struct {
   unsigned char ID;
   unsigned char DataLen;

@@ -63,7 +63,7 @@ VELTRIX_STATIC_ASSERT(offsetof(USB_MSG, data) == 8, "USB_MSG layout");
 /* Transport result codes; every family passes them on or maps them to its own. */
 #define USB_MSG_SUCCESS 0
 #define USB_MSG_ERR_WRITE (-2) /* not initialised, unknown or closed adapter, failed write */
-#define USB_MSG_ERR_READ (-3)  /* short header, unknown adapter, unexpected reply code */
+#define USB_MSG_ERR_READ (-3)  /* no, short, late or foreign reply, or unknown adapter */
 #define USB_MSG_ERR_ALLOC (-4) /* the frame buffer could not be allocated */
 
 /* One send attempt on bulk OUT endpoint 0x01. Returns 0, -2 or -4. */
@@ -82,14 +82,20 @@ VELTRIX_API int USB_MSG_SendInt(unsigned int DevHandle, USB_MSG* pMsg, int TimeO
 VELTRIX_API int MSG_SendInt(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
 
 /* Reads one reply packet.
- * On entry: pMsg->cmd is the expected reply code, pMsg->data the receive buffer (may be
- *   NULL) and pMsg->len the buffer's capacity in bytes. At most that many payload bytes
- *   are written; the rest of a longer reply is read and discarded.
+ * On entry: pMsg->cmd is the expected reply code and pMsg->data the receive buffer (may be
+ *   NULL only for a reply without payload). pMsg->len chooses the form:
+ *   - 0 (the documented form: no capacity given): the whole payload is written to
+ *     pMsg->data, which must have room for the longest reply the command can bring;
+ *   - above 0: the buffer's capacity; at most that many payload bytes are written and the
+ *     rest of a longer reply is read and discarded.
  * On return: pMsg->cmd and pMsg->len hold the received code and the announced payload
- *   length (both 0 if no complete header came). pMsg->data is left as given.
- * Returns 0 (also for a header-only reply, which leaves the buffer untouched) or -3 (short
- * header, unknown adapter, no buffer for a payload, or a reply with another code, whose
- * payload is drained so the reply stream stays framed). */
+ *   length (both 0 if no complete header came). pMsg->data is left as given. After -3 the
+ *   buffer may hold part of a payload that came short.
+ * Returns 0 (also for a header-only reply, which leaves the buffer untouched) or -3: no
+ * reply or part of a header, unknown adapter, no buffer for a payload, a reply with another
+ * code (its payload is drained so the reply stream stays framed), a payload shorter than
+ * its header announced or not complete in time, or a length with the top bit set (the
+ * stream has lost its framing: the adapter's pipes are reset). */
 VELTRIX_API int USB_MSG_Get(unsigned int DevHandle, USB_MSG* pMsg, int TimeOutMs);
 /* USB_MSG_Get; after a failure it pauses one second and re-connects the adapter. The read
  * itself is not repeated. */

@@ -149,31 +149,32 @@ TEST_F(Transport, BareHeaderWithAForeignCodeFailsTheExchange) {
   m->inject({.kind = sim::FaultKind::WrongCode, .match_code = kEmpty, .arg = 0x0BAD});
   uint8_t buf[4];
   ExchangeResult r = exchange(0x5100002C, {.cmd = kEmpty, .reply = buf});
-  EXPECT_EQ(r.code, veltrix::Transport::ReadFailed);
+  EXPECT_EQ(r.code, veltrix::Transport::WrongCode);
   EXPECT_EQ(r.reply_cmd, 0x0BADu);
   EXPECT_EQ(r.reply_len, 0u);
 }
 
-TEST_F(Transport, ShortHeaderIsAReadFailure) {
+TEST_F(Transport, ShortHeaderIsAShortReply) {
   auto m = open_with_handlers(0x51000027);
   m->inject({.kind = sim::FaultKind::ShortHeader, .match_code = kEcho});
   uint8_t p[1] = {1};
   uint8_t buf[4] = {0};
   ExchangeResult r = exchange(0x51000027, {.cmd = kEcho, .payload = p, .reply = buf});
-  EXPECT_EQ(r.code, veltrix::Transport::ReadFailed);
+  EXPECT_EQ(r.code, veltrix::Transport::ShortReply);
   EXPECT_EQ(r.reply_cmd, 0u);
   EXPECT_EQ(r.reply_len, 0u);
   EXPECT_GE(m->resets(), 1);  // a failed transfer resets the device
   EXPECT_TRUE(echo_works(0x51000027));
 }
 
-TEST_F(Transport, MissingReplyAndStallAreReadFailures) {
+TEST_F(Transport, MissingReplyTimesOutAndStallIsAReadFailure) {
   auto m = open_with_handlers(0x51000028);
   uint8_t buf[4];
   m->inject({.kind = sim::FaultKind::NoReply, .match_code = kEmpty});
-  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).value(), -3);
+  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).code, veltrix::Transport::Timeout);
   m->inject({.kind = sim::FaultKind::Stall});
-  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).value(), -3);
+  EXPECT_EQ(exchange(0x51000028, {.cmd = kEmpty, .reply = buf}).code,
+            veltrix::Transport::ReadFailed);
   EXPECT_TRUE(echo_works(0x51000028));
 }
 

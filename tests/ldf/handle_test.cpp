@@ -137,3 +137,15 @@ TEST(LdfHandleDuplicates, FirstMatchWinsAndIndexedLookupsSkipShortRecords) {
   EXPECT_EQ(LDF_SetSignalValue(h.h, "D", "C", 7), -6);
   EXPECT_EQ(h->Frames[2].Publisher, nullptr);  // "P: 3, , 1": empty publisher field
 }
+
+// The exported first step of a decode: its codes, and that a later decode's reader sees the
+// device flag it recorded.
+TEST(LdfInit, CodesForDeviceFileAndPath) {
+  EXPECT_EQ(LDF_Init(kUnknownDevice, corpus("lin_diagnostics.ldf").c_str()), -3);
+  EXPECT_EQ(LDF_Init(kDevice, "/nonexistent/veltrix.ldf"), -1);
+  EXPECT_EQ(LDF_Init(kDevice, nullptr), -1);
+  EXPECT_EQ(LDF_Init(kDevice, corpus("lin_diagnostics.ldf").c_str()), 0);
+  LDF_CODING c{};
+  EXPECT_EQ(LDF_Decode(kUnknownDevice, corpus("lin_diagnostics.ldf").c_str(), &c), -3);
+  EXPECT_EQ(c.FrameNum, 0);
+}
