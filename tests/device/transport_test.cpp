@@ -219,6 +219,43 @@ TEST_F(Transport, UnplugDuringAnExchangeFailsCleanlyAndRecovers) {
   EXPECT_TRUE(echo_works(0x5100002A));
 }
 
+// An application may call the packet functions without taking the adapter's lock. Each
+// transfer then takes it itself, so closing and re-opening the adapter in another thread
+// never pulls a handle from under a running transfer: every send either reaches the
+// adapter whole or fails with -2.
+TEST_F(Transport, UnlockedSendsMeetOnlyOpenOrNoHandle) {
+  auto m = open_with_handlers(0x5100002C);
+  std::atomic<bool> stop{false};
+  std::atomic<int> ok{0}, failed{0}, other{0};
+  std::thread sender([&] {
+    uint8_t p[3] = {0x10, 0x20, 0x30};
+    while (!stop.load()) {
+      USB_MSG msg{kEmpty, sizeof p, p};
+      int r = USB_MSG_Send(0x5100002C, &msg, 100);
+      (r == 0 ? ok : r == -2 ? failed : other)++;
+    }
+  });
+  auto sent_more_than = [&](int n) {
+    for (int i = 0; i < 2000 && ok.load() <= n; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return ok.load() > n;
+  };
+  ASSERT_TRUE(sent_more_than(0));
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(USB_CloseDevice(0x5100002C), 1);
+    EXPECT_EQ(USB_OpenDevice(0x5100002C), 1);
+    const int before = ok.load();
+    EXPECT_TRUE(sent_more_than(before));  // the sender works between re-opens
+  }
+  stop.store(true);
+  sender.join();
+  EXPECT_EQ(other.load(), 0);
+  // Every frame that went out arrived whole: the adapter saw exactly the sent payloads.
+  std::vector<Bytes> seen = payloads(*m, kEmpty);
+  EXPECT_EQ(seen.size(), size_t(ok.load()));
+  for (const Bytes& b : seen) EXPECT_EQ(b, (Bytes{0x10, 0x20, 0x30}));
+}
+
 TEST_F(Transport, ReadWaitingBeforeDataArrivesCompletesWhenItComes) {
   open_with_handlers(0x5100002B);
   std::thread producer([&] {
