@@ -111,9 +111,8 @@ TEST_F(ReplugStress, SendersAndReceiverSurviveUnplugScanAndReopen) {
   EXPECT_GT(failed_.load(), 0) << "the adapter never looked unplugged to the senders";
 
   // Reception resumes: frames sent from port 1 after the last re-plug arrive on port 0 in
-  // order, through the receive thread.
-  ASSERT_EQ(CAN_StopGetMsg(kClassic, 0), CAN_SUCCESS);
-  ASSERT_EQ(CAN_StartGetMsg(kClassic, 0), CAN_SUCCESS);
+  // order, through the receive thread that the last start left running. (A failing poll
+  // of the old adapter must not have undone that start.)
   constexpr int kProbe = 20;
   std::vector<CAN_MSG> probe;
   for (int i = 0; i < kProbe; ++i) probe.push_back(can_frame(0x321, {uint8_t(i), 0x5A}));
