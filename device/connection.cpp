@@ -318,8 +318,12 @@ VELTRIX_EXPORT(int, open_dev2, (uint32_t handle), 0, {
     GlobalLock guard;
     init_library();
   }
-  usb_list* r = usb_list_post(handle);
-  if (r == nullptr || r->device == nullptr) {
+  bool known = false;
+  if (usb_list* r = usb_list_post(handle)) {
+    AdapterLock guard(handle);  // a scan or re-connect may be replacing the device
+    known = r->device != nullptr;
+  }
+  if (!known) {
     // One scan; the handle must be among the adapters it registered.
     if (scan_dev(nullptr) <= 0 || usb_list_post(handle) == nullptr) return 0;
   }
