@@ -5,7 +5,8 @@ CTEST = ctest --output-on-failure -j $(JOBS)
 SIM = build/veltrix-sim
 CLI = build/tools/veltrix
 
-.PHONY: all bootstrap build test demo asan tsan bench bench-docs bench-build fuzz fuzz-smoke clean
+.PHONY: all bootstrap build test demo asan tsan tsan-stress bench bench-docs bench-build fuzz \
+  fuzz-smoke clean
 
 all: build
 
@@ -31,6 +32,14 @@ tsan: bootstrap
 	@cmake -S . -B build-tsan -G Ninja -DVELTRIX_SANITIZE=thread >/dev/null
 	@cmake --build build-tsan -j $(JOBS)
 	@$(CTEST) --test-dir build-tsan
+
+# The registry, lock and re-plug stress suites under ThreadSanitizer: only the two test
+# binaries that hold them are built, which keeps this affordable in CI.
+TSAN_STRESS_TESTS = ^(Registry\.|Transport\.|EveryLock/|ReplugStress\.)
+tsan-stress: bootstrap
+	@cmake -S . -B build-tsan -G Ninja -DVELTRIX_SANITIZE=thread >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target device_tests can_tests
+	@$(CTEST) --test-dir build-tsan -R '$(TSAN_STRESS_TESTS)'
 
 # Runs every benchmark (each checks what it times and fails otherwise) and writes the
 # medians and spreads, with machine, commit and date, to build-bench/results.md.

@@ -29,6 +29,7 @@ struct CanPort {
   RingBuffer<CAN_MSG> rx{kQueueCapacity};   // guarded by the port's CanData lock
   RingBuffer<CAN_MSG> uds{kQueueCapacity};  // guarded by the port's CanData lock
   std::atomic<uint8_t> run{0};              // polled by the receive thread
+  uint32_t starts = 0;                      // guarded by the slot's flag_mutex
   std::atomic<uint32_t> baud_rate{0};       // bit/s as stored by CAN_Init
 };
 
@@ -39,6 +40,9 @@ struct CanSlot {
   std::atomic<uint32_t> handle{0};           // the handle the receive thread serves
   std::atomic<uint64_t> clamped_records{0};  // received records whose DataLen was above 8
   std::mutex thread_mutex;
+  // Makes a start and a failed poll's clearing of a port's flag exclusive. A leaf lock:
+  // held for a few instructions, never across I/O or a join.
+  std::mutex flag_mutex;
   std::thread reader;  // guarded by thread_mutex; not joinable: the slot has no thread
 };
 

@@ -50,10 +50,26 @@ void reader_loop(uint32_t h, int slot) {
     if (!s.port[0].run.load() && !s.port[1].run.load()) return;
     std::this_thread::sleep_for(std::chrono::milliseconds(kPollPeriodMs));
     // A port whose read fails is no longer polled; the application sees that only as
-    // frames ceasing to arrive.
-    for (unsigned p = 0; p < unsigned(kPorts); ++p)
-      if (s.port[p].run.load() && poll_port(h, p) < 0) s.port[p].run.store(0);
+    // frames ceasing to arrive. A start made while the poll ran (the application starting
+    // again once a vanished adapter is back) keeps the port polled.
+    for (unsigned p = 0; p < unsigned(kPorts); ++p) {
+      uint32_t starts;
+      {
+        std::scoped_lock g(s.flag_mutex);
+        if (!s.port[p].run.load()) continue;
+        starts = s.port[p].starts;
+      }
+      if (poll_port(h, p) >= 0) continue;
+      std::scoped_lock g(s.flag_mutex);
+      if (s.port[p].starts == starts) s.port[p].run.store(0);
+    }
   }
+}
+
+void mark_polled(CanSlot& s, CanPort& ps) {
+  std::scoped_lock g(s.flag_mutex);
+  ++ps.starts;
+  ps.run.store(1);
 }
 
 int start_get(uint32_t h, uint8_t port_arg) {
@@ -66,12 +82,12 @@ int start_get(uint32_t h, uint8_t port_arg) {
   s.handle.store(h);
   CanPort& ps = s.port[port];
   if (s.port[0].run.load() || s.port[1].run.load()) {
-    ps.run.store(1);
+    mark_polled(s, ps);
     return CAN_SUCCESS;
   }
   // A thread that ended by itself (every port's poll failed) is collected first.
   if (s.reader.joinable()) s.reader.join();
-  ps.run.store(1);
+  mark_polled(s, ps);
   try {
     s.reader = std::thread(reader_loop, h, *slot);
   } catch (const std::system_error&) {

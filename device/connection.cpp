@@ -23,7 +23,7 @@ int init_library() {
   int r = libusb_init(&s.ctx);
   if (r < 0) return r;
   libusb_set_option(s.ctx, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_NONE);
-  s.usb_need_init_flag = 0;
+  s.usb_need_init_flag.store(0, std::memory_order_release);
   return 0;
 }
 
@@ -33,40 +33,46 @@ bool is_adapter(libusb_device* dev) {
   return d.idVendor == identity::kVendorId && identity::is_product_id(d.idProduct);
 }
 
-// Reads the serial through the record's handle under the adapter's lock. The lock is the
-// one of the record's current serial, which is the handle the application knows it by.
-bool read_serial_locked(usb_list* r) {
-  AdapterLock guard(r->serial);
+// Reads the serial through the record's handle into the record. The caller holds the
+// adapter's lock, taken under the serial the application knows the record by.
+bool read_serial(usb_list* r) {
   uint32_t serial = 0;
   if (!get_dev_serial(r, &serial)) return false;
-  r->serial = serial;
+  set_serial(r, serial);
   return true;
 }
 
+// The caller holds the adapter's lock: no transfer can be running on the handle.
 void close_handle(usb_list* r) {
   if (r->handle) libusb_close(r->handle);
   r->handle = nullptr;
 }
 
 // Probes a device at a port path the registry already knows. Returns whether it is seen.
+// The whole probe runs under the adapter's lock: the handle it may close or replace can
+// be in use by a command of another thread.
 bool probe_known(usb_list* r, libusb_device* dev) {
-  r->device = dev;
+  AdapterLock guard(r->serial);
+  set_device(r, dev);
   if (r->opened) {
-    if (read_serial_locked(r)) return true;
+    if (read_serial(r)) return true;
     // The old handle no longer answers; the device may have been re-plugged.
     libusb_device_handle* h = nullptr;
     if (libusb_open(dev, &h) != 0) return true;  // keeps the record as it is
-    if (r->handle) libusb_close(r->handle);
+    close_handle(r);
     r->handle = h;
     if (libusb_claim_interface(h, 0) != 0) r->opened = 0;
-    return read_serial_locked(r);
+    if (read_serial(r)) return true;
+    close_handle(r);  // the record is dropped: its handle must not outlive it open
+    r->opened = 0;
+    return false;
   }
   close_handle(r);
   if (libusb_open(dev, &r->handle) != 0 || r->handle == nullptr) {
     r->handle = nullptr;
     return false;
   }
-  bool ok = read_serial_locked(r);
+  bool ok = read_serial(r);
   close_handle(r);
   return ok;
 }
@@ -89,10 +95,9 @@ int adopt_replugged(usb_list* r) {
     if (libusb_open(fresh[i], &probe.handle) != 0) continue;
     uint32_t serial = 0;
     if (get_dev_serial(&probe, &serial) && serial == r->serial) {
-      // The list keeps its own reference until freed below; the record keeps one too.
-      r->device = libusb_ref_device(fresh[i]);
-      r->bus = libusb_get_bus_number(fresh[i]);
-      r->address = libusb_get_device_address(fresh[i]);
+      // The record takes its own reference; the list's goes when it is freed below.
+      set_device(r, fresh[i]);
+      set_place(r, fresh[i], path);
       r->handle = probe.handle;
       result = 0;
     } else {
@@ -106,36 +111,44 @@ int adopt_replugged(usb_list* r) {
 enum class NewDevice { Registered, OpenFailed, NotOurs };
 
 NewDevice probe_new(libusb_device* dev, const char* path, uint32_t* serial_out) {
+  // Nobody else sees this record until usb_list_add links it.
   auto* r = static_cast<usb_list*>(std::calloc(1, sizeof(usb_list)));
   if (r == nullptr) return NewDevice::NotOurs;
-  r->device = dev;
-  r->bus = libusb_get_bus_number(dev);
-  r->address = libusb_get_device_address(dev);
-  r->port = libusb_get_port_number(dev);
-  std::memcpy(r->port_path, path, sizeof r->port_path - 1);  // path is NUL-padded to 16
-  if (libusb_open(dev, &r->handle) != 0 || r->handle == nullptr) {
+  auto discard = [r] {
+    close_handle(r);
+    if (r->device) libusb_unref_device(r->device);
     std::free(r);
+  };
+  set_device(r, dev);
+  set_place(r, dev, path);
+  if (libusb_open(dev, &r->handle) != 0 || r->handle == nullptr) {
+    r->handle = nullptr;
+    discard();
     return NewDevice::OpenFailed;
   }
   uint32_t serial = 0;
   if (!get_dev_serial(r, &serial)) {
-    libusb_close(r->handle);
-    std::free(r);
+    discard();
     return NewDevice::NotOurs;
   }
   r->serial = serial;
   *serial_out = serial;
+  AdapterLock guard(serial);
+  if (usb_list* same = usb_list_post(serial)) {
+    // The adapter left the place its record knows: a handle still open there belongs to
+    // a device that is gone.
+    close_handle(same);
+    same->opened = 0;
+  }
   usb_list_add(r);
   if (r->next == nullptr) {
-    // Merged into the record that already held this serial: that record now carries the
-    // handle opened here, which must be closed through it.
-    usb_list* same = usb_list_post(serial);
-    if (same && same->handle == r->handle) {
+    // Merged into the record that already held this serial (or came back to it): that
+    // record now carries the handle opened here, which is closed through this one.
+    if (usb_list* same = usb_list_post(serial); same && same->handle == r->handle) {
       same->handle = nullptr;
       same->opened = 0;
     }
-    libusb_close(r->handle);
-    std::free(r);
+    discard();
   } else {
     close_handle(r);
   }
@@ -153,10 +166,9 @@ void prune(const std::vector<uint32_t>& seen) {
       if (!found) victim = usb_list_post_with_index(i);
     }
     if (!victim) return;
-    {
-      AdapterLock guard(victim->serial);
-      close_handle(victim);
-    }
+    AdapterLock guard(victim->serial);
+    close_handle(victim);
+    victim->opened = 0;
     usb_list_del(victim);
   }
 }
@@ -190,7 +202,9 @@ int scan_locked(uint32_t* out) {
       if (probe_known(r, dev)) {
         seen.push_back(r->serial);
       } else {
+        AdapterLock guard(r->serial);
         close_handle(r);
+        r->opened = 0;
         usb_list_del(r);
       }
       continue;
@@ -270,8 +284,9 @@ VELTRIX_EXPORT(int, USB_ScanDevice, (unsigned int* out), int(LIBUSB_ERROR_OTHER)
 VELTRIX_EXPORT(int, open_dev, (uint32_t handle), 0, {
   if (!registry_ready()) return 0;
   usb_list* r = usb_list_post(handle);
-  if (r == nullptr || r->device == nullptr) return 0;
+  if (r == nullptr) return 0;
   AdapterLock guard(handle);
+  if (r->device == nullptr) return 0;
   if (r->opened) {
     uint32_t serial = 0;
     if (get_dev_serial(r, &serial)) {
@@ -303,8 +318,12 @@ VELTRIX_EXPORT(int, open_dev2, (uint32_t handle), 0, {
     GlobalLock guard;
     init_library();
   }
-  usb_list* r = usb_list_post(handle);
-  if (r == nullptr || r->device == nullptr) {
+  bool known = false;
+  if (usb_list* r = usb_list_post(handle)) {
+    AdapterLock guard(handle);  // a scan or re-connect may be replacing the device
+    known = r->device != nullptr;
+  }
+  if (!known) {
     // One scan; the handle must be among the adapters it registered.
     if (scan_dev(nullptr) <= 0 || usb_list_post(handle) == nullptr) return 0;
   }
@@ -316,8 +335,10 @@ VELTRIX_EXPORT(int, USB_OpenDevice, (unsigned int handle), 0, { return open_dev2
 VELTRIX_EXPORT(int, close_dev, (uint32_t handle), 0, {
   if (!registry_ready()) return 0;
   usb_list* r = usb_list_post(handle);
-  if (r == nullptr || r->device == nullptr || r->handle == nullptr) return 0;
+  if (r == nullptr) return 0;
+  // Checked under the lock: a scan or re-connect may close the handle meanwhile.
   AdapterLock guard(handle);
+  if (r->device == nullptr || r->handle == nullptr) return 0;
   libusb_release_interface(r->handle, 0);
   close_handle(r);
   r->opened = 0;
@@ -389,7 +410,10 @@ VELTRIX_EXPORT(int, USB_WaitResume, (unsigned int handle, int timeout_ms), 0, {
 
 VELTRIX_EXPORT_VOID(del_dead_device, (void), {
   // Walks by position so that a record without a device object cannot stall the sweep.
+  // Like a scan, it runs under the global lock and touches each adapter under its lock.
+  GlobalLock global;
   for (int i = 0; usb_list* r = usb_list_post_with_index(i);) {
+    AdapterLock adapter(r->serial);
     if (r->device == nullptr) {
       ++i;
       continue;
@@ -399,6 +423,7 @@ VELTRIX_EXPORT_VOID(del_dead_device, (void), {
       ++i;
     } else {
       close_handle(r);
+      r->opened = 0;
       usb_list_del(r);
     }
   }

@@ -19,6 +19,10 @@ struct OwnedMutex {
     m.lock();
     owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
   }
+  // Only the owner stores its own id, so the answer is exact for the calling thread.
+  bool held_here() const {
+    return owner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
   void unlock() {
     if (owner.load(std::memory_order_relaxed) != std::this_thread::get_id()) return;
     owner.store(std::thread::id(), std::memory_order_relaxed);
@@ -61,6 +65,8 @@ OwnedMutex& family_mutex(LockFamily f, uint32_t handle, int channel) {
 }
 
 }  // namespace
+
+bool adapter_lock_held(uint32_t handle) { return state().devices.get(int32_t(handle)).held_here(); }
 
 void channel_lock(LockFamily f, uint32_t handle, int channel) {
   family_mutex(f, handle, channel).lock();

@@ -35,6 +35,28 @@ class AdapterLock {
   uint32_t handle_;
 };
 
+// True when the calling thread holds the adapter's lock.
+bool adapter_lock_held(uint32_t handle);
+
+// Holds the adapter's lock for one USB transfer unless the calling thread already holds
+// it (as every exchange does). A transfer then never meets a handle that a scan, open,
+// close or re-connect of another thread is closing.
+class AdapterUse {
+ public:
+  explicit AdapterUse(uint32_t handle) : handle_(handle), taken_(!adapter_lock_held(handle)) {
+    if (taken_) lock(handle_);
+  }
+  ~AdapterUse() {
+    if (taken_) unlock(handle_);
+  }
+  AdapterUse(const AdapterUse&) = delete;
+  AdapterUse& operator=(const AdapterUse&) = delete;
+
+ private:
+  uint32_t handle_;
+  bool taken_;
+};
+
 void channel_lock(LockFamily family, uint32_t handle, int channel);
 void channel_unlock(LockFamily family, uint32_t handle, int channel);
 

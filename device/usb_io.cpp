@@ -6,11 +6,20 @@
 #include <cstdint>
 
 #include "device/abi.hpp"
+#include "device/locks.hpp"
 #include "device/registry.hpp"
+#include "device/transport.hpp"
 
 namespace {
 
+// libusb waits without end on a time-out of 0; an adapter that stopped answering would
+// then hold its lock, and every thread waiting for it, for ever.
+unsigned bounded(int timeout_ms) {
+  return unsigned(timeout_ms > 0 ? timeout_ms : veltrix::kDefaultTimeoutMs);
+}
+
 // The open libusb handle of an adapter, or null if the adapter cannot take a transfer.
+// The caller holds the adapter's lock (AdapterUse) for as long as it uses the handle.
 libusb_device_handle* open_handle(uint32_t handle, libusb_device** dev = nullptr) {
   if (!veltrix::registry_ready()) return nullptr;
   usb_list* r = usb_list_post(handle);
@@ -34,6 +43,7 @@ namespace veltrix {
 
 BulkRead bulk_read(uint32_t handle, int ep, uint8_t* buf, size_t len, int timeout_ms) {
   BulkRead out;
+  AdapterUse use(handle);
   libusb_device_handle* h = open_handle(handle);
   if (h == nullptr || len > size_t(INT32_MAX) || (buf == nullptr && len > 0)) return out;
   // The adapter may take up to a second to start a reply even to a quick command.
@@ -58,18 +68,18 @@ extern "C" {
 
 VELTRIX_EXPORT(int, USBBulkWriteData,
                (uint32_t handle, int ep, const uint8_t* buf, int len, int timeout_ms), -2, {
+                 veltrix::AdapterUse use(handle);
                  libusb_device* dev = nullptr;
                  libusb_device_handle* h = open_handle(handle, &dev);
                  if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
                  int done = 0;
                  int r = libusb_bulk_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len, &done,
-                                              unsigned(timeout_ms));
+                                              bounded(timeout_ms));
                  if (r != 0 || done != len) return fail(h, -2);
                  // A transfer that fills its last packet exactly is only complete for the adapter
                  // once a zero-length packet follows.
                  if (len > 0 && len % packet_size(dev) == 0) {
-                   r = libusb_bulk_transfer(h, uint8_t(ep), nullptr, 0, &done,
-                                            unsigned(timeout_ms));
+                   r = libusb_bulk_transfer(h, uint8_t(ep), nullptr, 0, &done, bounded(timeout_ms));
                    if (r != 0) return fail(h, -2);
                  }
                  return 0;
@@ -84,11 +94,12 @@ VELTRIX_EXPORT(int, USBBulkReadData,
 
 VELTRIX_EXPORT(int, USBIntWriteData,
                (uint32_t handle, int ep, const uint8_t* buf, int len, int timeout_ms), -2, {
+                 veltrix::AdapterUse use(handle);
                  libusb_device_handle* h = open_handle(handle);
                  if (h == nullptr || len < 0 || (buf == nullptr && len > 0)) return -2;
                  int done = 0;
                  int r = libusb_interrupt_transfer(h, uint8_t(ep), const_cast<uint8_t*>(buf), len,
-                                                   &done, unsigned(timeout_ms));
+                                                   &done, bounded(timeout_ms));
                  if (r != 0 || done != len) return fail(h, -2);
                  return 0;
                })
@@ -97,10 +108,11 @@ VELTRIX_EXPORT(int, USBCtrlData,
                (uint32_t handle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
                 uint16_t wIndex, uint8_t* buf, uint16_t wLength, int timeout_ms),
                -2, {
+                 veltrix::AdapterUse use(handle);
                  libusb_device_handle* h = open_handle(handle);
                  if (h == nullptr || (buf == nullptr && wLength > 0)) return -2;
                  int r = libusb_control_transfer(h, bmRequestType, bRequest, wValue, wIndex, buf,
-                                                 wLength, unsigned(timeout_ms));
+                                                 wLength, bounded(timeout_ms));
                  if (r != int(wLength)) return fail(h, -2);
                  return 0;
                })

@@ -1,5 +1,8 @@
 // USB transfer primitives. Each looks the adapter up, needs it open, and resets the device
 // after any failed transfer so that the next exchange starts from clean endpoints.
+// Each holds the adapter's lock for its transfer unless the calling thread already holds
+// it, so a handle is never closed under a running transfer. A time-out of 0 or less means
+// 1000 ms: no transfer waits without end on an adapter that stopped answering.
 #pragma once
 
 #include <cstddef>

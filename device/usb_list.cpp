@@ -1,7 +1,9 @@
 // Registry list operations.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "device/abi.hpp"
 #include "device/registry.hpp"
@@ -16,6 +18,44 @@ std::mutex& list_mutex() {
 
 bool is_sentinel(const usb_list* r) { return r == &registry().head || r == &registry().tail; }
 
+// Records taken out of the list. Another thread may still hold any of them, so none is
+// ever freed; one comes back into the list when its adapter is registered again, which
+// bounds this to one record per adapter ever seen. Guarded by list_mutex().
+std::vector<usb_list*>& retired() {
+  static auto* v = new std::vector<usb_list*>;
+  return *v;
+}
+
+void retire_unlocked(usb_list* r) {
+  retired().push_back(r);  // first, so that a failed allocation leaves the list intact
+  if (r->prev) r->prev->next = r->next;
+  if (r->next) r->next->prev = r->prev;
+  r->next = nullptr;
+  r->prev = nullptr;
+}
+
+void link_at_tail_unlocked(usb_list* r) {
+  usb_list& tail = registry().tail;
+  r->prev = tail.prev;
+  r->next = &tail;
+  tail.prev->next = r;
+  tail.prev = r;
+}
+
+void copy_place_unlocked(usb_list* to, const usb_list* from) {
+  to->bus = from->bus;
+  to->address = from->address;
+  to->port = from->port;
+  std::memcpy(to->port_path, from->port_path, sizeof to->port_path);
+}
+
+void swap_device_unlocked(usb_list* r, libusb_device* device) {
+  if (device == r->device) return;
+  if (device) libusb_ref_device(device);
+  if (r->device) libusb_unref_device(r->device);
+  r->device = device;
+}
+
 void init_unlocked() {
   RegistryState& s = registry();
   s.head = usb_list{};
@@ -28,6 +68,16 @@ void init_unlocked() {
 usb_list* first() {
   usb_list* n = registry().head.next;
   return n == nullptr ? &registry().tail : n;
+}
+
+void retire_all_unlocked() {
+  usb_list* r = first();
+  while (r != &registry().tail && r != nullptr) {
+    usb_list* next = r->next;
+    retire_unlocked(r);
+    r = next;
+  }
+  init_unlocked();
 }
 
 template <typename Pred>
@@ -44,7 +94,26 @@ RegistryState& registry() {
   return *s;
 }
 
-bool registry_ready() { return registry().usb_need_init_flag == 0; }
+bool registry_ready() { return registry().usb_need_init_flag.load(std::memory_order_acquire) == 0; }
+
+void set_serial(usb_list* r, uint32_t serial) {
+  std::scoped_lock g(list_mutex());
+  r->serial = serial;
+}
+
+void set_device(usb_list* r, libusb_device* device) {
+  std::scoped_lock g(list_mutex());
+  swap_device_unlocked(r, device);
+}
+
+void set_place(usb_list* r, libusb_device* device, const char* port_path) {
+  std::scoped_lock g(list_mutex());
+  r->bus = libusb_get_bus_number(device);
+  r->address = libusb_get_device_address(device);
+  r->port = libusb_get_port_number(device);
+  std::memset(r->port_path, 0, sizeof r->port_path);
+  std::strncpy(r->port_path, port_path, sizeof r->port_path - 1);
+}
 
 }  // namespace veltrix
 
@@ -97,33 +166,37 @@ VELTRIX_EXPORT(usb_list*, usb_list_post_bus, (libusb_device * device, uint8_t bu
                })
 
 VELTRIX_EXPORT_VOID(usb_list_add, (usb_list * record), {
-  if (record == nullptr) return;
+  if (record == nullptr || veltrix::is_sentinel(record)) return;
   std::scoped_lock g(list_mutex());
   usb_list* same = find_unlocked([&](usb_list* r) { return r->serial == record->serial; });
-  if (same != nullptr) {
-    // The adapter is already known (it moved to another port): the existing record takes
-    // over the new device and handle, and follows the adapter to its new place.
-    same->device = record->device;
-    same->handle = record->handle;
-    same->bus = record->bus;
-    same->address = record->address;
-    same->port = record->port;
-    std::memcpy(same->port_path, record->port_path, sizeof same->port_path);
-    return;
+  if (same == nullptr) {
+    // An adapter that was registered before comes back in its old record, so that
+    // pointers still held to that record see it again.
+    auto& old = veltrix::retired();
+    auto it = std::find_if(old.begin(), old.end(),
+                           [&](usb_list* r) { return r->serial == record->serial; });
+    if (it == old.end()) {
+      veltrix::link_at_tail_unlocked(record);
+      return;
+    }
+    same = *it;
+    old.erase(it);
+    if (same != record) same->opened = 0;
+    veltrix::link_at_tail_unlocked(same);
+    if (same == record) return;
   }
-  usb_list& tail = registry().tail;
-  record->prev = tail.prev;
-  record->next = &tail;
-  tail.prev->next = record;
-  tail.prev = record;
+  // The adapter is already known (it moved to another port, or came back): the existing
+  // record takes over the new device and handle, and follows the adapter to its new place.
+  veltrix::swap_device_unlocked(same, record->device);
+  same->handle = record->handle;
+  veltrix::copy_place_unlocked(same, record);
 })
 
 VELTRIX_EXPORT_VOID(usb_list_del, (usb_list * record), {
   if (record == nullptr || veltrix::is_sentinel(record)) return;
   std::scoped_lock g(list_mutex());
-  if (record->prev) record->prev->next = record->next;
-  if (record->next) record->next->prev = record->prev;
-  std::free(record);
+  if (record->next == nullptr && record->prev == nullptr) return;  // not linked
+  veltrix::retire_unlocked(record);
 })
 
 VELTRIX_EXPORT(int, usb_list_get_devnums, (uint32_t * out), 0, {
@@ -145,18 +218,13 @@ VELTRIX_EXPORT(int, usb_list_is_empty, (void), 1, {
 
 VELTRIX_EXPORT_VOID(usb_list_clear, (void), {
   std::scoped_lock g(list_mutex());
-  usb_list* r = veltrix::first();
-  while (r != &registry().tail && r != nullptr) {
-    usb_list* next = r->next;
-    std::free(r);
-    r = next;
-  }
-  veltrix::init_unlocked();
+  veltrix::retire_all_unlocked();
 })
 
 VELTRIX_EXPORT_VOID(usb_list_init, (void), {
+  // Records still linked are retired, not dropped: someone may hold them.
   std::scoped_lock g(list_mutex());
-  veltrix::init_unlocked();
+  veltrix::retire_all_unlocked();
 })
 
 }  // extern "C"

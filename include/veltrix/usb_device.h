@@ -8,6 +8,11 @@
  *
  * Lock order: lock_all() before lock(handle); a family's channel data lock is never taken
  * while waiting on lock(handle) in the other order. The locks are not recursive.
+ *
+ * Unplugging: every call on an adapter that vanished ends with its failure code; none
+ * waits for it to come back. Scans, opens and re-connects may run in any thread while
+ * other threads use the adapter. Once it is back, scan (or USB_RetryConnect at the same
+ * port), open it and restart its receive threads.
  */
 #ifndef VELTRIX_USB_DEVICE_H
 #define VELTRIX_USB_DEVICE_H
@@ -60,7 +65,10 @@ typedef struct _USB_MSG {
 VELTRIX_STATIC_ASSERT(sizeof(USB_MSG) == 16, "USB_MSG layout");
 VELTRIX_STATIC_ASSERT(offsetof(USB_MSG, data) == 8, "USB_MSG layout");
 
-/* Transport result codes; every family passes them on or maps them to its own. */
+/* Transport result codes; every family passes them on or maps them to its own.
+ * TimeOutMs of the calls below: 0 or less means 1000 ms (never an endless wait). Each
+ * transfer takes lock(DevHandle) itself unless the calling thread already holds it; hold
+ * it across a send and its reply so that no other thread's command comes between them. */
 #define USB_MSG_SUCCESS 0
 #define USB_MSG_ERR_WRITE (-2) /* not initialised, unknown or closed adapter, failed write */
 #define USB_MSG_ERR_READ (-3)  /* no, short, late or foreign reply, or unknown adapter */

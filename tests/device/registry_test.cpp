@@ -1,9 +1,12 @@
 // Finding adapters, opening, closing and re-connecting them.
+#include "device/registry.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
-#include "device/registry.hpp"
 #include "device/transport.hpp"
 #include "tests/support/sim_fixture.hpp"
 #include "veltrix/usb_device.h"
@@ -152,6 +155,88 @@ TEST_F(Registry, ResetSendsTheVendorRequest) {
     seen = seen || (c.request_type == 0x41 && c.request == 0x60 && c.length == 0);
   EXPECT_TRUE(seen);
   EXPECT_EQ(USB_ResetDevice(0x5100FFFF), 0);
+}
+
+// A record handed out by the registry stays readable after its adapter is gone, and the
+// same record comes back when the adapter does: callers holding it never see freed memory.
+TEST_F(Registry, RecordOutlivesItsAdapterAndReturnsWithIt) {
+  auto m = plug_and_open(0x51000011, "2");
+  usb_list* rec = usb_list_post(0x51000011);
+  ASSERT_NE(rec, nullptr);
+  bed().unplug(0x51000011);
+  EXPECT_EQ(USB_ScanDevice(nullptr), 0);
+  EXPECT_EQ(usb_list_post(0x51000011), nullptr);
+  EXPECT_EQ(usb_list_get_index(0x51000011), -1);
+  EXPECT_EQ(rec->serial, 0x51000011u);
+  EXPECT_EQ(rec->handle, nullptr);
+  EXPECT_EQ(rec->opened, 0);
+  EXPECT_EQ(USB_MSG_Send(0x51000011, nullptr, 100), -2);
+  EXPECT_EQ(USB_CloseDevice(0x51000011), 0);
+  bed().replug(0x51000011);
+  ASSERT_EQ(USB_ScanDevice(nullptr), 1);
+  EXPECT_EQ(usb_list_post(0x51000011), rec);
+  EXPECT_EQ(rec->opened, 0);  // back, but closed until opened again
+  ASSERT_EQ(USB_OpenDevice(0x51000011), 1);
+  EXPECT_TRUE(echo_works(0x51000011, m));
+}
+
+// Deleting or clearing records only takes them out of the list: a pointer kept by another
+// thread still reads the adapter's last known state.
+TEST_F(Registry, DeletedRecordsStayReadable) {
+  plug(0x51000012, "1");
+  plug(0x51000013, "2");
+  ASSERT_EQ(USB_ScanDevice(nullptr), 2);
+  usb_list* a = usb_list_post(0x51000012);
+  usb_list* b = usb_list_post(0x51000013);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  usb_list_del(a);
+  EXPECT_EQ(usb_list_length(), 1);
+  EXPECT_EQ(usb_list_post(0x51000012), nullptr);
+  EXPECT_EQ(a->serial, 0x51000012u);
+  usb_list_clear();
+  EXPECT_TRUE(usb_list_is_empty());
+  EXPECT_STREQ(b->port_path, "2");
+  // A scan brings both back in the records they had.
+  ASSERT_EQ(USB_ScanDevice(nullptr), 2);
+  EXPECT_EQ(usb_list_post(0x51000012), a);
+  EXPECT_EQ(usb_list_post(0x51000013), b);
+}
+
+// Scans, opens and closes of one adapter and commands to another run at once: the open
+// adapter keeps answering every command, and every scan and open succeeds.
+TEST_F(Registry, ConcurrentScansOpensAndCommands) {
+  auto busy = plug_and_open(0x51000014, "1");
+  plug(0x51000015, "2");
+  std::atomic<int> scans_ok{0}, opens_ok{0}, closes_ok{0}, echoes_ok{0};
+  std::thread scanner([&] {
+    for (int i = 0; i < 20; ++i) {
+      unsigned int handles[4] = {0};
+      if (USB_ScanDevice(handles) == 2) ++scans_ok;
+    }
+  });
+  std::thread opener([&] {
+    for (int i = 0; i < 20; ++i) {
+      if (USB_OpenDevice(0x51000015) == 1) ++opens_ok;
+      if (USB_CloseDevice(0x51000015) == 1) ++closes_ok;
+    }
+  });
+  busy->on(0x0E01, [](sim::Model&, const sim::Command& c) {
+    return std::optional<sim::Reply>(sim::Reply{0x0E01, c.payload});
+  });
+  for (int i = 0; i < 100; ++i) {
+    const uint8_t ping[2] = {uint8_t(i), 0x77};
+    uint8_t back[2] = {0, 0};
+    ExchangeResult r = exchange(0x51000014, {.cmd = 0x0E01, .payload = ping, .reply = back});
+    if (r.ok() && back[0] == uint8_t(i) && back[1] == 0x77) ++echoes_ok;
+  }
+  scanner.join();
+  opener.join();
+  EXPECT_EQ(scans_ok.load(), 20);
+  EXPECT_EQ(opens_ok.load(), 20);
+  EXPECT_EQ(closes_ok.load(), 20);
+  EXPECT_EQ(echoes_ok.load(), 100);
+  EXPECT_EQ(usb_list_post(0x51000014)->opened, 1);
 }
 
 }  // namespace

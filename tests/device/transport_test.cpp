@@ -1,12 +1,16 @@
 // Command packets on the wire: framing, zero-length packets, replies good and bad, locks.
+#include "device/transport.hpp"
+
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 #include "device/registry.hpp"
-#include "device/transport.hpp"
 #include "tests/support/sim_fixture.hpp"
 #include "veltrix/usb_device.h"
 
@@ -216,6 +220,43 @@ TEST_F(Transport, UnplugDuringAnExchangeFailsCleanlyAndRecovers) {
   EXPECT_TRUE(echo_works(0x5100002A));
 }
 
+// An application may call the packet functions without taking the adapter's lock. Each
+// transfer then takes it itself, so closing and re-opening the adapter in another thread
+// never pulls a handle from under a running transfer: every send either reaches the
+// adapter whole or fails with -2.
+TEST_F(Transport, UnlockedSendsMeetOnlyOpenOrNoHandle) {
+  auto m = open_with_handlers(0x5100002C);
+  std::atomic<bool> stop{false};
+  std::atomic<int> ok{0}, failed{0}, other{0};
+  std::thread sender([&] {
+    uint8_t p[3] = {0x10, 0x20, 0x30};
+    while (!stop.load()) {
+      USB_MSG msg{kEmpty, sizeof p, p};
+      int r = USB_MSG_Send(0x5100002C, &msg, 100);
+      (r == 0 ? ok : r == -2 ? failed : other)++;
+    }
+  });
+  auto sent_more_than = [&](int n) {
+    for (int i = 0; i < 2000 && ok.load() <= n; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return ok.load() > n;
+  };
+  ASSERT_TRUE(sent_more_than(0));
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(USB_CloseDevice(0x5100002C), 1);
+    EXPECT_EQ(USB_OpenDevice(0x5100002C), 1);
+    const int before = ok.load();
+    EXPECT_TRUE(sent_more_than(before));  // the sender works between re-opens
+  }
+  stop.store(true);
+  sender.join();
+  EXPECT_EQ(other.load(), 0);
+  // Every frame that went out arrived whole: the adapter saw exactly the sent payloads.
+  std::vector<Bytes> seen = payloads(*m, kEmpty);
+  EXPECT_EQ(seen.size(), size_t(ok.load()));
+  for (const Bytes& b : seen) EXPECT_EQ(b, (Bytes{0x10, 0x20, 0x30}));
+}
+
 TEST_F(Transport, ReadWaitingBeforeDataArrivesCompletesWhenItComes) {
   open_with_handlers(0x5100002B);
   std::thread producer([&] {
@@ -232,18 +273,77 @@ TEST_F(Transport, ReadWaitingBeforeDataArrivesCompletesWhenItComes) {
   EXPECT_EQ(buf[1], 0xCD);
 }
 
-TEST_F(Transport, UnlockBeforeLockIsHarmless) {
-  unlock(0x51000030);
-  lock(0x51000030);  // must not block
-  unlock(0x51000030);
-  can_data_unlock(0x51000030, 1);
-  can_data_lock(0x51000030, 1);
-  can_data_unlock(0x51000030, 1);
-  unlock_all();
-  lock_all();
-  unlock_all();
-  SUCCEED();
+// Each lock of the library as a pair of calls, so that one table covers them all.
+struct LockPair {
+  const char* name;
+  void (*take)();
+  void (*give)();
+};
+
+void PrintTo(const LockPair& p, std::ostream* os) { *os << p.name; }
+
+class StrayUnlock : public ::testing::TestWithParam<LockPair> {};
+
+// An unlock from a thread that does not hold the lock does nothing: not before the lock
+// was ever taken, and not while another thread holds it. The holder keeps the lock until
+// a contender has had its chance; the contender may only get in after the holder left.
+TEST_P(StrayUnlock, LeavesAnotherThreadsLockHeld) {
+  const LockPair& p = GetParam();
+  p.give();  // never taken by anyone yet
+  std::mutex m;
+  std::condition_variable cv;
+  bool held = false, stray_done = false, contender_in = false;
+  std::atomic<bool> holder_left{false}, contender_saw_holder_left{false};
+  std::thread holder([&] {
+    p.take();
+    {
+      std::unique_lock l(m);
+      held = true;
+      cv.notify_all();
+      cv.wait(l, [&] { return stray_done; });
+      // A broken lock lets the contender in now; give it time to show that.
+      cv.wait_for(l, std::chrono::milliseconds(200), [&] { return contender_in; });
+    }
+    holder_left.store(true);
+    p.give();
+  });
+  {
+    std::unique_lock l(m);
+    cv.wait(l, [&] { return held; });
+  }
+  p.give();  // this thread does not hold it
+  std::thread contender([&] {
+    {
+      std::scoped_lock l(m);
+      stray_done = true;
+    }
+    cv.notify_all();
+    p.take();
+    contender_saw_holder_left.store(holder_left.load());
+    {
+      std::scoped_lock l(m);
+      contender_in = true;
+    }
+    cv.notify_all();
+    p.give();
+  });
+  holder.join();
+  contender.join();
+  EXPECT_TRUE(contender_saw_holder_left.load()) << p.name << " was released by a stray unlock";
+  // And it still works as a lock afterwards.
+  p.take();
+  p.give();
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryLock, StrayUnlock,
+    ::testing::Values(LockPair{"adapter", [] { lock(0x51000030); }, [] { unlock(0x51000030); }},
+                      LockPair{"global", [] { lock_all(); }, [] { unlock_all(); }},
+                      LockPair{"can_data", [] { can_data_lock(0x51000030, 1); },
+                               [] { can_data_unlock(0x51000030, 1); }},
+                      LockPair{"lin", [] { lin_lock(0x51000030, 0); },
+                               [] { lin_unlock(0x51000030, 0); }}),
+    [](const ::testing::TestParamInfo<LockPair>& i) { return std::string(i.param.name); });
 
 TEST_F(Transport, UnlockFromAnotherThreadDoesNotReleaseTheLock) {
   lock(0x51000031);
