@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tools/can_port.hpp"
+#include "tools/cli.hpp"
 #include "tools/dbc_print.hpp"
 #include "tools/frame_text.hpp"
 #include "tools/result_text.hpp"
@@ -389,18 +390,16 @@ int gen(const Options& o) {
   return 0;
 }
 
-bool wants_help(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return true;
-  return false;
-}
-
 }  // namespace
 
 int cmd_can(int argc, char** argv) {
   if (wants_help(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
+  }
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
   }
   std::vector<Options> cmds;
   for (int at = 1; at <= argc;) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "dbc/decoder.hpp"
+#include "tools/cli.hpp"
 #include "tools/dbc_print.hpp"
 #include "tools/frame_text.hpp"
 #include "tools/result_text.hpp"
@@ -171,11 +172,14 @@ int encode(const char* path, const Database& database, int argc, char** argv) {
 }  // namespace
 
 int cmd_dbc(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
-      std::fputs(kUsage, stdout);
-      return 0;
-    }
+  if (wants_help(argc, argv)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
   if (argc < 3) return usage_error(argc < 2 ? "a command is missing" : "FILE is missing");
   const std::string sub = argv[1];
   if (sub != "show" && sub != "decode" && sub != "encode")

@@ -23,7 +23,7 @@ bool check_text_file(const char* who, const char* path, const char* kind) {
     if (c == '\n') {
       ++line;
     } else if ((c < 0x20 && c != '\t' && c != '\r' && c != '\f') || c == 0x7F) {
-      std::fprintf(stderr, "veltrix %s: %s line %zu: binary data (byte 0x%02X), not a %s file.\n",
+      std::fprintf(stderr, "veltrix %s: %s line %zu: binary data (byte 0x%02X), not %s text.\n",
                    who, path, line, unsigned(c), kind);
       return false;
     }
@@ -33,7 +33,7 @@ bool check_text_file(const char* who, const char* path, const char* kind) {
     return false;
   }
   if (bytes == 0) {
-    std::fprintf(stderr, "veltrix %s: %s line 1: the file is empty, not a %s file.\n", who, path,
+    std::fprintf(stderr, "veltrix %s: %s line 1: the file is empty, not %s text.\n", who, path,
                  kind);
     return false;
   }
