@@ -1,9 +1,10 @@
 /* Send three frames on CAN port 0 and receive them on port 1 of the same adapter (the
  * ports share one cable on the virtual adapter; connect them on a real one).
  *   veltrix-sim -- ./can_send_receive [SERIAL] */
+#define _POSIX_C_SOURCE 200809L /* nanosleep under -std=c99 */
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <veltrix/veltrix.h>
 
@@ -45,7 +46,10 @@ int main(int argc, char** argv) {
     int n = CAN_GetMsgWithSize(dev, 1, rx + received, CAN_MSG_QUEUE_SIZE - received);
     if (n < 0) break;
     received += n;
-    if (received < 3) usleep(10000);
+    if (received < 3) {
+      struct timespec pause = {0, 10 * 1000 * 1000};
+      nanosleep(&pause, NULL);
+    }
   }
   for (int i = 0; i < received; ++i) {
     printf(rx[i].ExtFlag ? "%08X#" : "%03X#", (unsigned)rx[i].ID);
