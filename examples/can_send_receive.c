@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
-
 #include <veltrix/veltrix.h>
 
 int main(int argc, char** argv) {

@@ -72,8 +72,8 @@ int main(int argc, char** argv) {
   }
   const int count = DBC_GetMsgSignalQuantity(s.db, message);
   for (int i = 0; i < count; ++i) {
-    char name[256];   // longer than any signal name of the file
-    char text[512];   // the longest value text or unit, plus the number
+    char name[256];  // longer than any signal name of the file
+    char text[512];  // the longest value text or unit, plus the number
     if (DBC_GetMsgSignalName(s.db, message, unsigned(i), name) != DBC_OK) continue;
     if (DBC_GetSignalValueStr(s.db, message, name, text) == DBC_OK)
       std::printf("%s.%s = %s\n", message, name, text);

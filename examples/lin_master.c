@@ -2,7 +2,6 @@
  *   veltrix-sim -- ./lin_master [SERIAL] */
 #include <stdio.h>
 #include <stdlib.h>
-
 #include <veltrix/veltrix.h>
 
 int main(int argc, char** argv) {

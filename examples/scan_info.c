@@ -1,7 +1,6 @@
 /* List the attached adapters and print each one's firmware identity.
  *   veltrix-sim -- ./scan_info      (or with a real adapter plugged in) */
 #include <stdio.h>
-
 #include <veltrix/veltrix.h>
 
 int main(void) {

@@ -107,7 +107,8 @@ std::string parse_args(int argc, char** argv, Options* o) {
   o->command = argc > 0 ? argv[0] : "";
   bool known = false;
   for (const char* c : kCommands) known = known || o->command == c;
-  if (!known) return o->command.empty() ? "a command is missing" : "unknown command '" + o->command + "'";
+  if (!known)
+    return o->command.empty() ? "a command is missing" : "unknown command '" + o->command + "'";
   unsigned long v = 0;
   if (argc < 3) return o->command + " needs SERIAL and PORT";
   if (!parse_number(argv[1], 0xFFFFFFFFul, &v, 16))
@@ -120,7 +121,9 @@ std::string parse_args(int argc, char** argv, Options* o) {
     const std::string a = argv[i];
     const bool has_value = i + 1 < argc;
     const char* value = has_value ? argv[i + 1] : nullptr;
-    auto bad = [&](const char* what) { return "'" + std::string(value ? value : "") + "' is not " + what + " for " + a; };
+    auto bad = [&](const char* what) {
+      return "'" + std::string(value ? value : "") + "' is not " + what + " for " + a;
+    };
     if (a.rfind("--", 0) == 0 && a != "--no-timing" && a != "--extended" && a != "--verbose" &&
         !has_value)
       return a + " needs a value";
@@ -175,7 +178,8 @@ std::string parse_args(int argc, char** argv, Options* o) {
         o->data_mode = value[0] == 'r' ? Field::Random : Field::Increment;
       } else {
         Frame f;
-        if (!parse_frame("000#" + std::string(value), &f).empty()) return bad("hex data (up to 8 bytes), r or i");
+        if (!parse_frame("000#" + std::string(value), &f).empty())
+          return bad("hex data (up to 8 bytes), r or i");
         o->data_mode = Field::Fixed;
         std::memcpy(o->fixed.data, f.data, sizeof f.data);
         if (o->len_mode == Field::Random) {
@@ -215,7 +219,8 @@ std::string parse_args(int argc, char** argv, Options* o) {
 bool read_replay_file(Options& o, std::vector<uint64_t>* times_us) {
   std::ifstream in(o.file, std::ios::binary);
   if (!in) {
-    std::fprintf(stderr, "veltrix can: cannot open %s: %s.\n", o.file.c_str(), std::strerror(errno));
+    std::fprintf(stderr, "veltrix can: cannot open %s: %s.\n", o.file.c_str(),
+                 std::strerror(errno));
     return false;
   }
   std::string line;
@@ -256,7 +261,8 @@ int receiver_prepare(Options& o) {
   if (o.command == "log") {
     o.out = std::fopen(o.file.c_str(), "w");
     if (!o.out) {
-      std::fprintf(stderr, "veltrix can: cannot write %s: %s.\n", o.file.c_str(), std::strerror(errno));
+      std::fprintf(stderr, "veltrix can: cannot write %s: %s.\n", o.file.c_str(),
+                   std::strerror(errno));
       return 1;
     }
   }
@@ -302,8 +308,8 @@ int receiver_loop(Options& o) {
     if (n > 0) {
       std::fflush(o.out);
       last = std::chrono::steady_clock::now();
-    } else if (o.timeout_ms >= 0 && std::chrono::steady_clock::now() - last >=
-                                        std::chrono::milliseconds(o.timeout_ms)) {
+    } else if (o.timeout_ms >= 0 &&
+               std::chrono::steady_clock::now() - last >= std::chrono::milliseconds(o.timeout_ms)) {
       break;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -352,8 +358,7 @@ int replay(Options& o) {
       const uint64_t now_us = uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(
                                            std::chrono::steady_clock::now() - start)
                                            .count());
-      while (end < o.frames.size() && times[end] <= now_us)
-        ++end;
+      while (end < o.frames.size() && times[end] <= now_us) ++end;
     } else {
       end = o.frames.size();
     }
@@ -406,7 +411,8 @@ int cmd_can(int argc, char** argv) {
     int end = at;
     while (end < argc && std::strcmp(argv[end], "+") != 0) ++end;
     Options o;
-    if (std::string why = parse_args(end - at, argv + at, &o); !why.empty()) return usage_error(why);
+    if (std::string why = parse_args(end - at, argv + at, &o); !why.empty())
+      return usage_error(why);
     cmds.push_back(std::move(o));
     at = end + 1;
   }
@@ -426,9 +432,12 @@ int cmd_can(int argc, char** argv) {
   }
   for (Options& o : cmds) {
     if (status != 0 || is_receiver(o)) continue;
-    if (o.command == "send") status = send(o);
-    else if (o.command == "replay") status = replay(o);
-    else status = gen(o);
+    if (o.command == "send")
+      status = send(o);
+    else if (o.command == "replay")
+      status = replay(o);
+    else
+      status = gen(o);
   }
   if (status) g_stop = 1;  // a failed sender leaves nothing worth waiting for
   for (std::thread& t : receivers) t.join();

@@ -53,7 +53,8 @@ const char* mux_text(const DBC_SIGNAL& s, char* buf, size_t size) {
 int show(const Database& database) {
   for (const DBC_MESSAGE& m : database.db->messages()) {
     char cycle[32] = "";
-    if (has_cycle_time(m)) std::snprintf(cycle, sizeof cycle, "  cycle %" PRIu32 " ms", m.cycleTime);
+    if (has_cycle_time(m))
+      std::snprintf(cycle, sizeof cycle, "  cycle %" PRIu32 " ms", m.cycleTime);
     std::printf("%s %s  dlc %u  sender %s%s%s%s\n", id_text(m.id).c_str(), m.name.c_str(),
                 unsigned(m.dlc), m.sender.c_str(), cycle, m.isCanFd ? "  CAN FD" : "",
                 m.bitRateSwitch ? " BRS" : "");
@@ -97,7 +98,8 @@ int decode(const Database& db, std::istream& in, const char* source) {
     if (!print_decoded(db, key, l.frame.data, l.frame.len)) ++bad;
   }
   std::fflush(stdout);
-  if (bad) std::fprintf(stderr, "veltrix dbc: %d of %zu lines could not be decoded.\n", bad, line_no);
+  if (bad)
+    std::fprintf(stderr, "veltrix dbc: %d of %zu lines could not be decoded.\n", bad, line_no);
   return bad ? 1 : 0;
 }
 
@@ -129,7 +131,8 @@ int encode(const char* path, const Database& database, int argc, char** argv) {
   }
   for (int i = 1; i < argc; ++i) {
     const char* eq = std::strchr(argv[i], '=');
-    if (!eq || eq == argv[i]) return usage_error("'" + std::string(argv[i]) + "' is not SIGNAL=VALUE");
+    if (!eq || eq == argv[i])
+      return usage_error("'" + std::string(argv[i]) + "' is not SIGNAL=VALUE");
     const std::string signal(argv[i], size_t(eq - argv[i]));
     char* end = nullptr;
     errno = 0;

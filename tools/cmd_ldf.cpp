@@ -15,7 +15,6 @@
 
 #include "tools/cli.hpp"
 #include "tools/file_check.hpp"
-
 #include "veltrix/ldf.h"
 #include "veltrix/lin.h"
 #include "veltrix/usb_device.h"
@@ -154,8 +153,9 @@ bool has_header(const char* path) {
       return false;
     }
   }
-  std::fprintf(stderr, "veltrix ldf: %s line %zu: the file ends before \"LIN_description_file;\".\n",
-               path, line_no);
+  std::fprintf(stderr,
+               "veltrix ldf: %s line %zu: the file ends before \"LIN_description_file;\".\n", path,
+               line_no);
   return false;
 }
 
@@ -163,8 +163,10 @@ int show(const char* path) {
   if (!veltrix::tools::check_text_file("ldf", path, "LDF") || !has_header(path)) return 1;
   LDF_CODING* h = LDF_LoadFile(path);
   if (!h) {
-    std::fprintf(stderr, "veltrix ldf: %s: the LDF reader refused the file (a section is "
-                 "malformed or too long).\n", path);
+    std::fprintf(stderr,
+                 "veltrix ldf: %s: the LDF reader refused the file (a section is "
+                 "malformed or too long).\n",
+                 path);
     return 1;
   }
   print_version("protocol", h->ProtocolVersion);

@@ -28,7 +28,9 @@ int cmd_scan(int argc, char** argv) {
     return 1;
   }
   if (n == 0) {
-    std::fprintf(stderr, "veltrix scan: no adapter found (is it plugged in, and does the udev rule grant access?).\n");
+    std::fprintf(stderr,
+                 "veltrix scan: no adapter found (is it plugged in, and does the udev rule grant "
+                 "access?).\n");
     return 1;
   }
   std::printf("%-10s  %-5s  %-10s  %s\n", "HANDLE", "MODEL", "PORT", "SPEED");

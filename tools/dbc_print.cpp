@@ -86,13 +86,12 @@ void print_signal_value(std::FILE* out, const DBC_SIGNAL& s, double value) {
       return;
     }
   }
-  std::fprintf(out, " %s=%g%s%s", s.name.c_str(), value, s.unit.empty() ? "" : " ",
-               s.unit.c_str());
+  std::fprintf(out, " %s=%g%s%s", s.name.c_str(), value, s.unit.empty() ? "" : " ", s.unit.c_str());
 }
 
 bool has_dbc_statement(const char* path) {
-  static const char* const kKeywords[] = {"VERSION", "NS_", "BS_", "BU_", "BO_", "SG_", "CM_",
-                                          "BA_", "VAL_"};
+  static const char* const kKeywords[] = {"VERSION", "NS_", "BS_", "BU_", "BO_",
+                                          "SG_",     "CM_", "BA_", "VAL_"};
   std::ifstream in(path, std::ios::binary);
   std::string word;
   while (in >> word)
@@ -117,8 +116,9 @@ std::shared_ptr<Database> open_database(const char* who, const char* path) {
     return nullptr;
   }
   if (db->messages().empty() && !has_dbc_statement(path)) {
-    std::fprintf(stderr, "veltrix %s: %s line 1: no DBC statement in the file (VERSION, BU_, BO_).\n",
-                 who, path);
+    std::fprintf(stderr,
+                 "veltrix %s: %s line 1: no DBC statement in the file (VERSION, BU_, BO_).\n", who,
+                 path);
     return nullptr;
   }
   auto out = std::make_shared<Database>();
@@ -161,8 +161,8 @@ bool print_decoded(const Database& database, uint32_t key, const uint8_t* data, 
   const DBC_MESSAGE& m = db.messages()[mi];
   const size_t need = message_length(m);
   if (length < need) {
-    std::fprintf(out, "  %s: the frame has %zu data bytes, the message needs %zu\n",
-                 m.name.c_str(), length, need);
+    std::fprintf(out, "  %s: the frame has %zu data bytes, the message needs %zu\n", m.name.c_str(),
+                 length, need);
     return false;
   }
   uint8_t image[dbc::kDataBytes] = {};

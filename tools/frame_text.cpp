@@ -44,8 +44,7 @@ bool parse_dec(std::string_view s, uint64_t* out) {
 std::string quoted(std::string_view s) {
   // Hostile input may be long or binary: quote a bounded, printable prefix.
   std::string q = "'";
-  for (size_t i = 0; i < s.size() && i < 40; ++i)
-    q += (s[i] >= 0x20 && s[i] < 0x7F) ? s[i] : '?';
+  for (size_t i = 0; i < s.size() && i < 40; ++i) q += (s[i] >= 0x20 && s[i] < 0x7F) ? s[i] : '?';
   if (s.size() > 40) q += "...";
   return q + "'";
 }
@@ -61,8 +60,7 @@ std::string parse_data(std::string_view s, size_t capacity, Frame* f) {
     if (i + 1 >= s.size()) return "the data " + quoted(s) + " ends in half a byte";
     const int hi = hex_digit(s[i]), lo = hex_digit(s[i + 1]);
     if (hi < 0 || lo < 0) return "the data " + quoted(s) + " is not hex bytes";
-    if (n >= capacity)
-      return "the data is longer than " + std::to_string(capacity) + " bytes";
+    if (n >= capacity) return "the data is longer than " + std::to_string(capacity) + " bytes";
     f->data[n++] = uint8_t(hi << 4 | lo);
     i += 2;
   }

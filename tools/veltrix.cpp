@@ -14,10 +14,11 @@ namespace {
 void usage(std::FILE* out) {
   std::fprintf(out, "usage: veltrix COMMAND [ARGS...]\ncommands:");
   for (const Command& c : kCommands) std::fprintf(out, " %s", c.name);
-  std::fprintf(out,
-               "\n'veltrix COMMAND --help' describes a command. Adapters are named by their\n"
-               "handle in hex (SERIAL), as 'veltrix scan' lists them; 'veltrix-sim -- veltrix ...'\n"
-               "runs any command against virtual adapters.\n");
+  std::fprintf(
+      out,
+      "\n'veltrix COMMAND --help' describes a command. Adapters are named by their\n"
+      "handle in hex (SERIAL), as 'veltrix scan' lists them; 'veltrix-sim -- veltrix ...'\n"
+      "runs any command against virtual adapters.\n");
 }
 }  // namespace
 

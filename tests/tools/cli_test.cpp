@@ -77,7 +77,8 @@ std::vector<std::string> logged_frames(const std::string& text) {
   return frames;
 }
 
-std::vector<std::string> can_cmd(std::vector<std::string> receiver, std::vector<std::string> sender) {
+std::vector<std::string> can_cmd(std::vector<std::string> receiver,
+                                 std::vector<std::string> sender) {
   std::vector<std::string> argv = {kCli, "can"};
   argv.insert(argv.end(), receiver.begin(), receiver.end());
   argv.push_back("+");
@@ -86,11 +87,11 @@ std::vector<std::string> can_cmd(std::vector<std::string> receiver, std::vector<
 }
 
 TEST(CliCan, DumpWritesCandumpLogLinesOfWhatCrossesTheCable) {
-  Result r = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4",
-                          "--timeout", "3000"},
-                         {"send", "51000001", "0", "--bitrate", "500000", "123#DEADBEEF",
-                          "18DAF110#0210C0", "7DF#R", "7DF#R3"}),
-                 true);
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4", "--timeout", "3000"},
+              {"send", "51000001", "0", "--bitrate", "500000", "123#DEADBEEF", "18DAF110#0210C0",
+               "7DF#R", "7DF#R3"}),
+      true);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(logged_frames(r.out),
@@ -108,11 +109,11 @@ TEST(CliCan, FiltersPassOnlyMatchingIdsOfTheirFormat) {
 }
 
 TEST(CliCan, DecodedSignalsGoToStderrSoTheLogStaysMachineReadable) {
-  Result r = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "2",
-                          "--timeout", "3000", "--dbc", kMotohawk},
-                         {"send", "51000001", "0", "--bitrate", "500000", "1F0#A5E0000000000000",
-                          "123#00"}),
-                 true);
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "2", "--timeout", "3000",
+               "--dbc", kMotohawk},
+              {"send", "51000001", "0", "--bitrate", "500000", "1F0#A5E0000000000000", "123#00"}),
+      true);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(logged_frames(r.out), (std::vector<std::string>{"1F0#A5E0000000000000", "123#00"}));
   EXPECT_EQ(r.err,
@@ -134,11 +135,14 @@ TEST(CliCan, LogFileIsReadByReplayAndByTheCanTools) {
             (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R2"}));
 
   // python-can reads it as a candump log.
-  Result py = run({"/usr/bin/python3", "-c",
-                   "import can\n"
-                   "for m in can.LogReader('" + log + "'):\n"
-                   "    print(hex(m.arbitration_id), m.is_extended_id, m.is_remote_frame, m.dlc,"
-                   " m.data.hex(), m.channel)\n"});
+  Result py =
+      run({"/usr/bin/python3", "-c",
+           "import can\n"
+           "for m in can.LogReader('" +
+               log +
+               "'):\n"
+               "    print(hex(m.arbitration_id), m.is_extended_id, m.is_remote_frame, m.dlc,"
+               " m.data.hex(), m.channel)\n"});
   EXPECT_EQ(py.status, 0) << py.err;
   EXPECT_EQ(py.out,
             "0x123 False False 4 deadbeef vx51000001-1\n"
@@ -146,32 +150,33 @@ TEST(CliCan, LogFileIsReadByReplayAndByTheCanTools) {
             "0x7df False True 2  vx51000001-1\n");
 
   // Replayed onto the cable, the same frames arrive again.
-  Result again = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "3",
-                              "--timeout", "3000"},
-                             {"replay", "51000001", "0", "--bitrate", "500000", log}),
-                     true);
+  Result again = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "3", "--timeout", "3000"},
+              {"replay", "51000001", "0", "--bitrate", "500000", log}),
+      true);
   EXPECT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(logged_frames(again.out),
             (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R2"}));
 }
 
 TEST(CliCan, GenSendsWhatItPrints) {
-  Result r = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4",
-                          "--timeout", "3000"},
-                         {"gen", "51000001", "0", "--bitrate", "500000", "--count", "4", "--gap",
-                          "0", "--seed", "7", "--id", "1A5", "--data", "i", "--len", "2",
-                          "--verbose"}),
-                 true);
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4", "--timeout", "3000"},
+              {"gen", "51000001", "0", "--bitrate", "500000", "--count", "4", "--gap", "0",
+               "--seed", "7", "--id", "1A5", "--data", "i", "--len", "2", "--verbose"}),
+      true);
   EXPECT_EQ(r.status, 0) << r.err;
   // The dump and the generator share stdout: log lines start with the time.
   std::vector<std::string> printed;
   std::string logged;
   for (const std::string& l : lines(r.out)) {
-    if (!l.empty() && l[0] == '(') logged += l + "\n";
-    else printed.push_back(l);
+    if (!l.empty() && l[0] == '(')
+      logged += l + "\n";
+    else
+      printed.push_back(l);
   }
-  EXPECT_EQ(printed, (std::vector<std::string>{"seed 7", "1A5#0000", "1A5#0100", "1A5#0200",
-                                                "1A5#0300"}));
+  EXPECT_EQ(printed,
+            (std::vector<std::string>{"seed 7", "1A5#0000", "1A5#0100", "1A5#0200", "1A5#0300"}));
   EXPECT_EQ(logged_frames(logged),
             (std::vector<std::string>{"1A5#0000", "1A5#0100", "1A5#0200", "1A5#0300"}));
 }
@@ -230,8 +235,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"BadReplayLine",
                 {"can", "replay", "51000001", "0", "--bitrate", "500000", bad_replay_file()},
                 1,
-                "veltrix can: " + bad_replay_file() +
-                    " line 3: the data '0G' is not hex bytes.\n"},
+                "veltrix can: " + bad_replay_file() + " line 3: the data '0G' is not hex bytes.\n"},
         Refusal{"UnknownCommand",
                 {"frobnicate"},
                 2,
@@ -294,7 +298,7 @@ struct BadFile {
   const char* name;
   const char* command;  // dbc or ldf
   std::string content;
-  std::string why;      // after "veltrix CMD: PATH "
+  std::string why;  // after "veltrix CMD: PATH "
 };
 
 class CliBadFiles : public ::testing::TestWithParam<BadFile> {};
@@ -305,26 +309,27 @@ TEST_P(CliBadFiles, FailNamingFileAndLine) {
   Result r = run({kCli, GetParam().command, "show", path});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "veltrix " + std::string(GetParam().command) + ": " + path + " " + GetParam().why);
+  EXPECT_EQ(r.err,
+            "veltrix " + std::string(GetParam().command) + ": " + path + " " + GetParam().why);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, CliBadFiles,
-    ::testing::Values(
-        BadFile{"EmptyDbc", "dbc", "", "line 1: the file is empty, not DBC text.\n"},
-        BadFile{"BinaryDbc", "dbc", std::string("VERSION \"\"\n\nBO_ 1 A: 8 X\n") + "\x01",
-                "line 4: binary data (byte 0x01), not DBC text.\n"},
-        BadFile{"ProseDbc", "dbc", "hello\nworld\n",
-                "line 1: no DBC statement in the file (VERSION, BU_, BO_).\n"},
-        BadFile{"MissingSender", "dbc", "VERSION \"\"\n\nBO_ 100 Msg: 8\n",
-                "line 3: the BO_ statement lacks a part it needs.\n"},
-        BadFile{"EmptyLdf", "ldf", "", "line 1: the file is empty, not LDF text.\n"},
-        BadFile{"BinaryLdf", "ldf", std::string("LIN_description_file;\n\0", 23),
-                "line 2: binary data (byte 0x00), not LDF text.\n"},
-        BadFile{"HeaderlessLdf", "ldf", "/* a\n comment */\n  Nodes { }\n",
-                "line 3: an LDF file begins with \"LIN_description_file;\".\n"},
-        BadFile{"OnlyCommentsLdf", "ldf", "// nothing\n",
-                "line 2: the file ends before \"LIN_description_file;\".\n"}),
+    ::testing::Values(BadFile{"EmptyDbc", "dbc", "", "line 1: the file is empty, not DBC text.\n"},
+                      BadFile{"BinaryDbc", "dbc",
+                              std::string("VERSION \"\"\n\nBO_ 1 A: 8 X\n") + "\x01",
+                              "line 4: binary data (byte 0x01), not DBC text.\n"},
+                      BadFile{"ProseDbc", "dbc", "hello\nworld\n",
+                              "line 1: no DBC statement in the file (VERSION, BU_, BO_).\n"},
+                      BadFile{"MissingSender", "dbc", "VERSION \"\"\n\nBO_ 100 Msg: 8\n",
+                              "line 3: the BO_ statement lacks a part it needs.\n"},
+                      BadFile{"EmptyLdf", "ldf", "", "line 1: the file is empty, not LDF text.\n"},
+                      BadFile{"BinaryLdf", "ldf", std::string("LIN_description_file;\n\0", 23),
+                              "line 2: binary data (byte 0x00), not LDF text.\n"},
+                      BadFile{"HeaderlessLdf", "ldf", "/* a\n comment */\n  Nodes { }\n",
+                              "line 3: an LDF file begins with \"LIN_description_file;\".\n"},
+                      BadFile{"OnlyCommentsLdf", "ldf", "// nothing\n",
+                              "line 2: the file ends before \"LIN_description_file;\".\n"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(CliHelp, EveryCommandDescribesItselfOnStdout) {
@@ -347,11 +352,14 @@ TEST(VeltrixSim, ReportsClashingAdapterPositionsAsAMessage) {
   const struct {
     std::string a, b, err;
   } cases[] = {
-      {"51000001@1", "51000002@1", "veltrix-sim: adapters 51000001 and 51000002 are both placed at port 1\n"},
+      {"51000001@1", "51000002@1",
+       "veltrix-sim: adapters 51000001 and 51000002 are both placed at port 1\n"},
       {"51000001@1", "51000001@2", "veltrix-sim: adapter 51000001 is placed twice\n"},
-      {"51000001@1", "51000002@1.2", "veltrix-sim: port 1.2 lies behind adapter 51000001, which is not a hub\n"},
+      {"51000001@1", "51000002@1.2",
+       "veltrix-sim: port 1.2 lies behind adapter 51000001, which is not a hub\n"},
       {"51000001@1.2", "51000002@1",
-       "veltrix-sim: port 1 is a hub on the way to another adapter, it cannot also hold adapter 51000002\n"},
+       "veltrix-sim: port 1 is a hub on the way to another adapter, it cannot also hold adapter "
+       "51000002\n"},
   };
   for (const auto& c : cases) {
     Result r = run({kSim, "--adapter", c.a, "--adapter", c.b, "--", kCli, "scan"});

@@ -10,8 +10,8 @@ namespace veltrix::tools {
 namespace {
 
 struct RoundTrip {
-  const char* text;       // as written by a user
-  const char* printed;    // as the tools print it back
+  const char* text;     // as written by a user
+  const char* printed;  // as the tools print it back
   uint32_t id;
   bool extended, remote, fd;
   uint8_t flags, len;
@@ -68,23 +68,22 @@ TEST_P(BadFrameWord, IsRefusedWithItsReasonAndLeavesTheOutputAlone) {
 
 INSTANTIATE_TEST_SUITE_P(
     Reasons, BadFrameWord,
-    ::testing::Values(
-        Refused{"123DEAD", "'123DEAD' has no '#'"},
-        Refused{"12#00", "the identifier '12' is not 3 or 8 hex digits"},
-        Refused{"1234#00", "the identifier '1234' is not 3 or 8 hex digits"},
-        Refused{"12G#00", "the identifier '12G' is not hex"},
-        Refused{"800#00", "the identifier '800' is out of range"},
-        Refused{"20000000#00", "the identifier '20000000' is out of range"},
-        Refused{"123#ABC", "the data 'ABC' ends in half a byte"},
-        Refused{"123#ZZ", "the data 'ZZ' is not hex bytes"},
-        Refused{"123#000102030405060708", "the data is longer than 8 bytes"},
-        Refused{"123#R9", "a remote frame is written R or R0 to R8, not 'R9'"},
-        Refused{"123##", "a CAN FD frame needs a flags digit after '##'"},
-        Refused{"123##G00", "the CAN FD flags 'G' are not a hex digit"},
-        Refused{"123##0"
-                "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F"
-                "202122232425262728292A2B2C2D2E2F303132333435363738393A3B3C3D3E3F40",
-                "the data is longer than 64 bytes"}));
+    ::testing::Values(Refused{"123DEAD", "'123DEAD' has no '#'"},
+                      Refused{"12#00", "the identifier '12' is not 3 or 8 hex digits"},
+                      Refused{"1234#00", "the identifier '1234' is not 3 or 8 hex digits"},
+                      Refused{"12G#00", "the identifier '12G' is not hex"},
+                      Refused{"800#00", "the identifier '800' is out of range"},
+                      Refused{"20000000#00", "the identifier '20000000' is out of range"},
+                      Refused{"123#ABC", "the data 'ABC' ends in half a byte"},
+                      Refused{"123#ZZ", "the data 'ZZ' is not hex bytes"},
+                      Refused{"123#000102030405060708", "the data is longer than 8 bytes"},
+                      Refused{"123#R9", "a remote frame is written R or R0 to R8, not 'R9'"},
+                      Refused{"123##", "a CAN FD frame needs a flags digit after '##'"},
+                      Refused{"123##G00", "the CAN FD flags 'G' are not a hex digit"},
+                      Refused{"123##0"
+                              "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F"
+                              "202122232425262728292A2B2C2D2E2F303132333435363738393A3B3C3D3E3F40",
+                              "the data is longer than 64 bytes"}));
 
 TEST(FrameWord, ConvertsToAndFromTheAdapterRecord) {
   Frame f;
