@@ -257,9 +257,9 @@ int run(int argc, char** argv) {
   int rc = 1;
   LDF_CODING* h = LDF_ParserFile(dev, static_cast<unsigned char>(ch), 1, argv[4]);
   if (!h) {
-    std::fprintf(stderr, "veltrix ldf: cannot read %s or set up LIN channel %lu\n", argv[4], ch);
+    std::fprintf(stderr, "veltrix ldf: %s cannot be read, or LIN channel %lu cannot be set up.\n", argv[4], ch);
   } else if (LDF_GetSchFrameQuantity(h, argv[5]) < 0) {
-    std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s\n", argv[4], argv[5]);
+    std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s.\n", argv[4], argv[5]);
   } else {
     std::printf("schedule %s on channel %lu at %d bit/s, %d entries\n", argv[5], ch,
                 h->LINSpeed, LDF_GetSchFrameQuantity(h, argv[5]));
@@ -267,7 +267,8 @@ int run(int argc, char** argv) {
     std::printf("frames on the bus:\n");
     print_exchanged(h, h);
     if (r != 0) {
-      std::fprintf(stderr, "veltrix ldf: the schedule stopped with %d\n", r);
+      // The code is the LDF family's or, passed through, the LIN family's: no one meaning.
+      std::fprintf(stderr, "veltrix ldf: the schedule stopped with code %d.\n", r);
     } else {
       std::printf("signals afterwards:\n");
       print_signals(h, argv[5]);
