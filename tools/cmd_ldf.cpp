@@ -257,7 +257,8 @@ int run(int argc, char** argv) {
   int rc = 1;
   LDF_CODING* h = LDF_ParserFile(dev, static_cast<unsigned char>(ch), 1, argv[4]);
   if (!h) {
-    std::fprintf(stderr, "veltrix ldf: %s cannot be read, or LIN channel %lu cannot be set up.\n", argv[4], ch);
+    std::fprintf(stderr, "veltrix ldf: %s cannot be read, or LIN channel %lu cannot be set up.\n",
+                 argv[4], ch);
   } else if (LDF_GetSchFrameQuantity(h, argv[5]) < 0) {
     std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s.\n", argv[4], argv[5]);
   } else {
