@@ -149,6 +149,17 @@ TEST(CliCan, LogFileIsReadByReplayAndByTheCanTools) {
             "0x18daf110 True False 3 0210c0 vx51000001-1\n"
             "0x7df False True 2  vx51000001-1\n");
 
+  // can-utils' log2asc reads it, mapping the adapter's interface name to channel 1.
+  Result asc = run({"log2asc", "-I", log, "vx51000001-1"});
+  EXPECT_EQ(asc.status, 0) << asc.err;
+  std::vector<std::string> frames;
+  const std::regex asc_time(R"(^ +\d+\.\d{6} )");
+  for (const std::string& l : lines(asc.out))
+    if (std::regex_search(l, asc_time)) frames.push_back(std::regex_replace(l, asc_time, ""));
+  EXPECT_EQ(frames, (std::vector<std::string>{"1  123             Rx   d 4 DE AD BE EF",
+                                              "1  18DAF110x       Rx   d 3 02 10 C0",
+                                              "1  7DF             Rx   r 2"}));
+
   // Replayed onto the cable, the same frames arrive again.
   Result again = run(
       can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "3", "--timeout", "3000"},
