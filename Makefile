@@ -5,8 +5,8 @@ CTEST = ctest --output-on-failure -j $(JOBS)
 SIM = build/veltrix-sim
 CLI = build/tools/veltrix
 
-.PHONY: all bootstrap build test demo asan tsan tsan-stress bench bench-docs bench-build fuzz \
-  fuzz-smoke clean
+.PHONY: all bootstrap build test install-check deb demo asan tsan tsan-stress bench bench-docs \
+  bench-build fuzz fuzz-smoke clean
 
 all: build
 
@@ -20,7 +20,19 @@ build: bootstrap
 test: build
 	@$(CTEST) --test-dir build
 
-demo: build
+# Installs into a temporary prefix and builds and runs the examples against it, with
+# CMake and with pkg-config, from outside the source tree.
+install-check: build
+	@scripts/check-install build
+
+# The Debian package, in build/.
+deb: build
+	@cd build && cpack -G DEB >/dev/null && ls -1 "$$PWD"/*.deb
+
+# Builds only what the demo runs: the CLI and the virtual adapter.
+demo: bootstrap
+	@cmake -S . -B build -G Ninja $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j $(JOBS) --target veltrix veltrix_simpreload
 	@scripts/demo
 
 asan: bootstrap

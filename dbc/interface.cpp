@@ -53,6 +53,16 @@ VELTRIX_EXPORT(long long, DBC_ParserFile, (int DevHandle, const char* pFileName)
   return register_database(std::move(db));
 })
 
+// The parser is host logic: loading without an adapter differs from DBC_ParserFile only in
+// skipping the registry check.
+VELTRIX_EXPORT(long long, DBC_LoadFile, (const char* pFileName), 0LL, {
+  if (!pFileName) return 0;
+  ParseFault fault;
+  std::unique_ptr<DBC_Decoder> db = DBC_Decoder::load(pFileName, &fault);
+  if (!db) return 0;
+  return register_database(std::move(db));
+})
+
 VELTRIX_EXPORT(int, DBC_Release, (long long DBCHandle), DBC_ERR_HANDLE,
                { return release_database(DBCHandle) ? DBC_OK : DBC_ERR_HANDLE; })
 

@@ -97,6 +97,10 @@ int decode(int dev_handle, const char* path, LDF_CODING* record, bool owns_recor
                      owns_record);
 }
 
+int decode_host(const char* path, LDF_CODING* record, bool owns_record) {
+  return decode_with([&](LoadState& st) { return LDF_InitHost(st, path); }, record, owns_record);
+}
+
 int decode_text(int dev_handle, std::string_view raw, LDF_CODING* record, bool owns_record) {
   return decode_with(
       [&](LoadState& st) {

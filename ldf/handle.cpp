@@ -26,6 +26,19 @@ LDF_CODING* ldf::parse_handle(int dev, unsigned char lin_index, unsigned char is
   return h;
 }
 
+// A file read without an adapter: a handle for the readers and the codec only. Its bus
+// functions answer -3 because no channel was set up.
+VELTRIX_EXPORT(LDF_CODING*, LDF_LoadFile, (const char* path), nullptr, {
+  if (!path) return nullptr;
+  auto* h = new (std::nothrow) LDF_CODING{};
+  if (!h) return nullptr;
+  if (ldf::decode_host(path, h, true) != 0) {
+    delete h;
+    return nullptr;
+  }
+  return h;
+})
+
 VELTRIX_EXPORT(int, LDF_Release, (LDF_CODING * pLDF), -4,
                { return pLDF ? ldf::release(pLDF) : -4; })
 

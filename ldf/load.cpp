@@ -114,6 +114,13 @@ int LDF_Init(LoadState& state, int dev_handle, const char* path) {
   return load_text(state, raw);
 }
 
+int LDF_InitHost(LoadState& state, const char* path) {
+  g_device_registered.store(true, std::memory_order_relaxed);
+  std::string raw;
+  if (int rc = read_file(path, raw); rc != 0) return rc;
+  return load_text(state, raw);
+}
+
 int load_text(LoadState& state, std::string_view raw) {
   state.text = clean_text(raw);
   for (size_t i = 0; i < kSectionKeywords.size(); ++i) {

@@ -72,6 +72,10 @@ int check_device(int dev_handle);
 // too long). The device flag is not touched.
 int load_text(LoadState& state, std::string_view raw);
 
+// Reads, cleans and cuts the file like LDF_Init for a load that needs no adapter; such a
+// load counts as registered for the readers and the packer. Returns 0, -1, -4 or -5.
+int LDF_InitHost(LoadState& state, const char* path);
+
 // Checks the device (usb_list_get_index), reads and cleans the file and cuts all sections
 // into state. Returns 0, -1 file cannot be opened or read, -3 device not registered,
 // -4 file larger than kMaxFileBytes, -5 a section too long.

@@ -165,6 +165,29 @@ void Testbed::remove_from_sysfs(Plugged& p) {
   p.syspath.clear();
 }
 
+void Testbed::check_free(uint32_t serial, const PortPath& where) const {
+  char name[16];
+  std::snprintf(name, sizeof name, "%08X", serial);
+  if (adapters_.count(serial))
+    throw std::invalid_argument(std::string("adapter ") + name + " is placed twice");
+  const std::string path = sys_path(where.bus, where.ports, where.ports.size());
+  if (hubs_.count(path))
+    throw std::invalid_argument("port " + where.text() + " is a hub on the way to another " +
+                                "adapter, it cannot also hold adapter " + name);
+  for (const auto& [other, p] : adapters_) {
+    if (p.syspath.empty()) continue;
+    char other_name[16];
+    std::snprintf(other_name, sizeof other_name, "%08X", other);
+    if (p.syspath == path)
+      throw std::invalid_argument("adapters " + std::string(other_name) + " and " + name +
+                                  " are both placed at port " + where.text());
+    for (size_t depth = 1; depth < where.ports.size(); ++depth)
+      if (p.syspath == sys_path(where.bus, where.ports, depth))
+        throw std::invalid_argument("port " + where.text() + " lies behind adapter " + other_name +
+                                    ", which is not a hub");
+  }
+}
+
 std::shared_ptr<Model> Testbed::add_adapter(const Identity& id, const std::string& port_path) {
   Plugged p;
   if (port_path.empty()) {
@@ -172,6 +195,7 @@ std::shared_ptr<Model> Testbed::add_adapter(const Identity& id, const std::strin
   } else if (!PortPath::parse(port_path, &p.where)) {
     throw std::invalid_argument("virtual adapter: bad port path '" + port_path + "'");
   }
+  check_free(id.serial, p.where);
   p.model = std::make_shared<Model>(id);
   p.devnum = next_devnum(p.where.bus);
   plug(p);

@@ -55,6 +55,10 @@ class Testbed {
   void plug(Plugged& p);
   void remove_from_sysfs(Plugged& p);
   void ensure_hubs(const PortPath& where);
+  // Throws std::invalid_argument, naming the clash, when serial is attached already, the
+  // position holds an adapter or a hub, or a hub the position needs would sit where an
+  // adapter is: umockdev would otherwise abort the whole process.
+  void check_free(uint32_t serial, const PortPath& where) const;
   int next_devnum(int bus);
 
   UMockdevTestbed* tb_;

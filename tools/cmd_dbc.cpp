@@ -1,34 +1,43 @@
-// veltrix dbc: inspect a DBC database and decode frames with it.
-//
-//   veltrix dbc show FILE     messages, signals and their layout
-//   veltrix dbc decode FILE   reads frames on stdin, one per line, in the CAN tools' text
-//                             form ("(1700000000.123456) can0 123#DEADBEEF", "123#DEADBEEF",
-//                             "12345678##1<64 bytes>"), prints each with its signals
-#include <cctype>
+// veltrix dbc: inspect a DBC database, decode logged frames and encode signal values.
+#include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <string>
 
 #include "dbc/decoder.hpp"
-#include "dbc/text.hpp"
+#include "tools/cli.hpp"
 #include "tools/dbc_print.hpp"
+#include "tools/frame_text.hpp"
+#include "tools/result_text.hpp"
+#include "veltrix/dbc.h"
 
 namespace {
 
-using veltrix::tools::id_text;
-using veltrix::tools::open_database;
-using veltrix::dbc::ByteOrder;
 using veltrix::dbc::DBC_Decoder;
 using veltrix::dbc::DBC_MESSAGE;
 using veltrix::dbc::DBC_SIGNAL;
-using veltrix::dbc::kDataBytes;
+using namespace veltrix::tools;
 
-int usage() {
-  std::fprintf(stderr,
-               "usage: veltrix dbc show FILE\n"
-               "       veltrix dbc decode FILE < frames\n");
+const char kUsage[] =
+    "usage: veltrix dbc show FILE\n"
+    "       veltrix dbc decode FILE [LOG]\n"
+    "       veltrix dbc encode FILE MESSAGE [SIGNAL=VALUE...]\n"
+    "\n"
+    "show lists the messages (id, name, dlc, sender, cycle time when the file gives one) and\n"
+    "their signals. decode reads frames from LOG or stdin, one a line, in the candump log\n"
+    "form \"(1700000000.123456) can0 123#DEADBEEF\", candump's screen form\n"
+    "\"  can0  123   [4]  DE AD BE EF\" or a bare frame \"123#DEADBEEF\"; it prints each line\n"
+    "with the signals present in the frame. A frame shorter than its message is reported.\n"
+    "encode prints the frame of MESSAGE with the given physical values (others at their\n"
+    "initial values) in the frame text cansend reads.\n";
+
+int usage_error(const std::string& why) {
+  std::fprintf(stderr, "veltrix dbc: %s ('veltrix dbc --help' shows the usage).\n", why.c_str());
   return 2;
 }
 
@@ -41,11 +50,14 @@ const char* mux_text(const DBC_SIGNAL& s, char* buf, size_t size) {
   return "";
 }
 
-int show(const DBC_Decoder& db) {
-  for (const DBC_MESSAGE& m : db.messages()) {
-    std::printf("%s %s  dlc %u  sender %s  cycle %" PRIu32 " ms%s%s\n", id_text(m.id).c_str(),
-                m.name.c_str(), unsigned(m.dlc), m.sender.c_str(), m.cycleTime,
-                m.isCanFd ? "  CAN FD" : "", m.bitRateSwitch ? " BRS" : "");
+int show(const Database& database) {
+  for (const DBC_MESSAGE& m : database.db->messages()) {
+    char cycle[32] = "";
+    if (has_cycle_time(m))
+      std::snprintf(cycle, sizeof cycle, "  cycle %" PRIu32 " ms", m.cycleTime);
+    std::printf("%s %s  dlc %u  sender %s%s%s%s\n", id_text(m.id).c_str(), m.name.c_str(),
+                unsigned(m.dlc), m.sender.c_str(), cycle, m.isCanFd ? "  CAN FD" : "",
+                m.bitRateSwitch ? " BRS" : "");
     for (const DBC_SIGNAL& s : m.signals) {
       char mux[16];
       // The start bit shown is the least significant bit's position (8 * byte + bit).
@@ -59,95 +71,136 @@ int show(const DBC_Decoder& db) {
   return 0;
 }
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = char(std::toupper(static_cast<unsigned char>(c)));
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-struct Frame {
-  uint32_t key = 0;  // id with bit 31 for an extended id
-  uint8_t data[kDataBytes] = {};
-  size_t length = 0;
-};
-
-// Parses "ID#HEX", "ID##F<HEX>" (CAN FD, F the flags nibble) or "ID#R" (remote). An id of
-// more than three digits is extended.
-bool parse_frame(const std::string& text, Frame* f, bool* remote) {
-  const size_t hash = text.find('#');
-  if (hash == 0 || hash == std::string::npos || hash > 8) return false;
-  uint32_t id = 0;
-  for (size_t i = 0; i < hash; ++i) {
-    const int v = hex_value(text[i]);
-    if (v < 0) return false;
-    id = id << 4 | uint32_t(v);
-  }
-  if (hash > 3) {
-    if (id > 0x1FFFFFFFu) return false;
-    id |= 0x80000000u;
-  } else if (id > 0x7FF) {
-    return false;
-  }
-  f->key = id;
-  size_t pos = hash + 1;
-  size_t capacity = 8;
-  *remote = false;
-  if (pos < text.size() && text[pos] == '#') {
-    if (pos + 1 >= text.size() || hex_value(text[pos + 1]) < 0) return false;
-    pos += 2;
-    capacity = kDataBytes;
-  } else if (pos < text.size() && (text[pos] == 'R' || text[pos] == 'r')) {
-    *remote = true;
-    return true;
-  }
-  for (; pos < text.size(); pos += 2) {
-    if (text[pos] == '.') {
-      --pos;
-      continue;
-    }
-    if (pos + 1 >= text.size() || f->length >= capacity) return false;
-    const int hi = hex_value(text[pos]), lo = hex_value(text[pos + 1]);
-    if (hi < 0 || lo < 0) return false;
-    f->data[f->length++] = uint8_t(hi << 4 | lo);
-  }
-  return true;
-}
-
-int decode(const DBC_Decoder& db) {
+int decode(const Database& db, std::istream& in, const char* source) {
   std::string line;
   size_t line_no = 0;
   int bad = 0;
-  while (std::getline(std::cin, line)) {
+  while (std::getline(in, line)) {
     ++line_no;
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    // The frame is the last whitespace-separated word: "(time) can0 123#..." or "123#...".
-    const size_t end = line.find_last_not_of(" \t");
-    if (end == std::string::npos) continue;
-    const size_t begin = line.find_last_of(" \t", end);
-    const std::string word = line.substr(begin == std::string::npos ? 0 : begin + 1,
-                                         end - (begin == std::string::npos ? 0 : begin + 1) + 1);
-    Frame f;
-    bool remote = false;
-    if (!parse_frame(word, &f, &remote)) {
-      std::fprintf(stderr, "veltrix dbc: line %zu: not a frame: %s\n", line_no, word.c_str());
+    if (line.find_first_not_of(" \t") == std::string::npos) continue;
+    LogLine l;
+    std::string why = parse_log_line(line, &l);
+    if (!why.empty()) {
+      // A bare frame word, as cansend takes it.
+      const size_t b = line.find_first_not_of(" \t"), e = line.find_last_not_of(" \t");
+      const std::string word = line.substr(b, e - b + 1);
+      if (word.find_first_of(" \t") == std::string::npos) why = parse_frame(word, &l.frame);
+    }
+    if (!why.empty()) {
+      std::fprintf(stderr, "veltrix dbc: %s line %zu: %s.\n", source, line_no, why.c_str());
       ++bad;
       continue;
     }
     std::printf("%s\n", line.c_str());
-    if (remote) continue;
-    veltrix::tools::print_decoded(db, f.key, f.data, f.length);
+    if (l.frame.remote) continue;
+    const uint32_t key = l.frame.extended ? (l.frame.id | 0x80000000u) : l.frame.id;
+    if (!print_decoded(db, key, l.frame.data, l.frame.len)) ++bad;
   }
+  std::fflush(stdout);
+  if (bad)
+    std::fprintf(stderr, "veltrix dbc: %d of %zu lines could not be decoded.\n", bad, line_no);
   return bad ? 1 : 0;
+}
+
+// Handles from DBC_LoadFile are released when the command ends.
+struct Handle {
+  long long h;
+  ~Handle() {
+    if (h) DBC_Release(h);
+  }
+};
+
+int encode(const char* path, const Database& database, int argc, char** argv) {
+  const char* message = argv[0];
+  const DBC_Decoder& db = *database.db;
+  const DBC_MESSAGE* m = nullptr;
+  for (const DBC_MESSAGE& candidate : db.messages())
+    if (candidate.name == message) {
+      m = &candidate;
+      break;
+    }
+  if (!m) {
+    std::fprintf(stderr, "veltrix dbc: %s has no message %s.\n", path, message);
+    return 1;
+  }
+  Handle h{DBC_LoadFile(path)};
+  if (!h.h) {
+    std::fprintf(stderr, "veltrix dbc: the library refused %s.\n", path);
+    return 1;
+  }
+  for (int i = 1; i < argc; ++i) {
+    const char* eq = std::strchr(argv[i], '=');
+    if (!eq || eq == argv[i])
+      return usage_error("'" + std::string(argv[i]) + "' is not SIGNAL=VALUE");
+    const std::string signal(argv[i], size_t(eq - argv[i]));
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(eq + 1, &end);
+    if (eq[1] == '\0' || *end != '\0' || errno == ERANGE || !std::isfinite(value))
+      return usage_error("'" + std::string(eq + 1) + "' is not a number for " + signal);
+    if (int r = DBC_SetSignalValue(h.h, message, signal.c_str(), value); r != DBC_OK) {
+      std::fprintf(stderr, "veltrix dbc: setting %s.%s failed: %s.\n", message, signal.c_str(),
+                   result_text("DBC", r).c_str());
+      return 1;
+    }
+  }
+  Frame f;
+  if (m->isCanFd) {
+    CANFD_MSG fd{};
+    if (int r = DBC_SyncValueToCANFDMsg(h.h, message, &fd); r != DBC_OK) {
+      std::fprintf(stderr, "veltrix dbc: encoding %s failed: %s.\n", message,
+                   result_text("DBC", r).c_str());
+      return 1;
+    }
+    f.fd = true;
+    f.extended = (fd.ID & 0x80000000u) != 0;
+    f.id = fd.ID & (f.extended ? 0x1FFFFFFFu : 0x7FFu);
+    f.fd_flags = m->bitRateSwitch ? kFdFlagBrs : 0;
+    f.len = uint8_t(message_length(*m));
+    std::memcpy(f.data, fd.Data, f.len);
+  } else {
+    CAN_MSG c{};
+    if (int r = DBC_SyncValueToCANMsg(h.h, message, &c); r != DBC_OK) {
+      std::fprintf(stderr, "veltrix dbc: encoding %s failed: %s.\n", message,
+                   result_text("DBC", r).c_str());
+      return 1;
+    }
+    f = from_can_msg(c);
+  }
+  std::printf("%s\n", format_frame(f).c_str());
+  return 0;
 }
 
 }  // namespace
 
 int cmd_dbc(int argc, char** argv) {
-  if (argc != 3) return usage();
+  if (wants_help(argc, argv)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  if (argc < 3) return usage_error(argc < 2 ? "a command is missing" : "FILE is missing");
   const std::string sub = argv[1];
-  if (sub != "show" && sub != "decode") return usage();
-  auto db = open_database(argv[2]);
+  if (sub != "show" && sub != "decode" && sub != "encode")
+    return usage_error("unknown command '" + sub + "'");
+  if (sub == "show" && argc != 3) return usage_error("show takes one FILE");
+  if (sub == "decode" && argc > 4) return usage_error("decode takes FILE and at most one LOG");
+  if (sub == "encode" && argc < 4) return usage_error("encode needs FILE and MESSAGE");
+  auto db = open_database("dbc", argv[2]);
   if (!db) return 1;
-  return sub == "show" ? show(*db) : decode(*db);
+  if (sub == "show") return show(*db);
+  if (sub == "encode") return encode(argv[2], *db, argc - 3, argv + 3);
+  if (argc == 4) {
+    std::ifstream log(argv[3], std::ios::binary);
+    if (!log) {
+      std::fprintf(stderr, "veltrix dbc: cannot open %s: %s.\n", argv[3], std::strerror(errno));
+      return 1;
+    }
+    return decode(*db, log, argv[3]);
+  }
+  return decode(*db, std::cin, "stdin");
 }

@@ -4,12 +4,21 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/cli.hpp"
 #include "veltrix/device.h"
 #include "veltrix/usb_device.h"
 
 int cmd_info(int argc, char** argv) {
+  static const char kUsage[] =
+      "usage: veltrix info SERIAL\n"
+      "Prints the adapter's firmware identity, hardware record and timestamp counter.\n"
+      "SERIAL is the adapter's handle in hex, as 'veltrix scan' shows it.\n";
+  if (veltrix::tools::wants_help(argc, argv)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   if (argc != 2) {
-    std::fprintf(stderr, "usage: veltrix info SERIAL   (SERIAL in hex, as 'veltrix scan' shows)\n");
+    std::fputs(kUsage, stderr);
     return 2;
   }
   char* end = nullptr;

@@ -8,22 +8,30 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <vector>
 
+#include "tools/cli.hpp"
+#include "tools/file_check.hpp"
 #include "veltrix/ldf.h"
 #include "veltrix/lin.h"
 #include "veltrix/usb_device.h"
 
 namespace {
 
-// The file is only read, no adapter is involved: 0xFF0000nn names registry position nn
-// directly, which the reader accepts without a scan.
-constexpr int kNoAdapter = int(0xFF000000u);
+const char kUsage[] =
+    "usage: veltrix ldf show FILE\n"
+    "       veltrix ldf run SERIAL CHANNEL FILE SCHEDULE\n"
+    "\n"
+    "show prints what the file describes (header, nodes, frames with their signals,\n"
+    "schedule tables, node attributes); it needs no adapter. run makes adapter SERIAL (hex)\n"
+    "the master node of the file on LIN CHANNEL, runs the schedule table once and prints\n"
+    "every frame exchanged and the signal values afterwards.\n";
 
 int usage() {
-  std::fprintf(stderr,
-               "usage: veltrix ldf show FILE\n"
-               "       veltrix ldf run SERIAL CHANNEL FILE SCHEDULE\n");
+  std::fputs(kUsage, stderr);
   return 2;
 }
 
@@ -115,11 +123,50 @@ void show_node_attributes(const LDF_CODING* h) {
   }
 }
 
+// The header is the one thing every LDF file starts with: without it the reader would
+// accept any text as an empty description, so its absence is named with the line where
+// it should be. Returns false after printing that sentence.
+bool has_header(const char* path) {
+  std::ifstream in(path, std::ios::binary);
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t line_no = 1;
+  for (size_t i = 0; i < text.size();) {
+    if (text.compare(i, 2, "//") == 0) {
+      i = text.find('\n', i);
+      if (i == std::string::npos) break;
+    } else if (text.compare(i, 2, "/*") == 0) {
+      const size_t end = text.find("*/", i + 2);
+      const size_t stop = end == std::string::npos ? text.size() : end + 2;
+      for (; i < stop; ++i) line_no += text[i] == '\n';
+      continue;
+    } else if (text[i] == ' ' || text[i] == '\t' || text[i] == '\r' || text[i] == '\f' ||
+               text[i] == '\n') {
+      line_no += text[i] == '\n';
+      ++i;
+      continue;
+    } else if (text.compare(i, 20, "LIN_description_file") == 0) {
+      return true;
+    } else {
+      std::fprintf(stderr,
+                   "veltrix ldf: %s line %zu: an LDF file begins with \"LIN_description_file;\".\n",
+                   path, line_no);
+      return false;
+    }
+  }
+  std::fprintf(stderr,
+               "veltrix ldf: %s line %zu: the file ends before \"LIN_description_file;\".\n", path,
+               line_no);
+  return false;
+}
+
 int show(const char* path) {
-  LDF_CODING record{};
-  LDF_CODING* h = &record;
-  if (LDF_Decode(kNoAdapter, path, h) != 0) {
-    std::fprintf(stderr, "veltrix ldf: cannot read %s as an LDF file\n", path);
+  if (!veltrix::tools::check_text_file("ldf", path, "LDF") || !has_header(path)) return 1;
+  LDF_CODING* h = LDF_LoadFile(path);
+  if (!h) {
+    std::fprintf(stderr,
+                 "veltrix ldf: %s: the LDF reader refused the file (a section is "
+                 "malformed or too long).\n",
+                 path);
     return 1;
   }
   print_version("protocol", h->ProtocolVersion);
@@ -210,9 +257,10 @@ int run(int argc, char** argv) {
   int rc = 1;
   LDF_CODING* h = LDF_ParserFile(dev, static_cast<unsigned char>(ch), 1, argv[4]);
   if (!h) {
-    std::fprintf(stderr, "veltrix ldf: cannot read %s or set up LIN channel %lu\n", argv[4], ch);
+    std::fprintf(stderr, "veltrix ldf: %s cannot be read, or LIN channel %lu cannot be set up.\n",
+                 argv[4], ch);
   } else if (LDF_GetSchFrameQuantity(h, argv[5]) < 0) {
-    std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s\n", argv[4], argv[5]);
+    std::fprintf(stderr, "veltrix ldf: %s has no schedule table %s.\n", argv[4], argv[5]);
   } else {
     std::printf("schedule %s on channel %lu at %d bit/s, %d entries\n", argv[5], ch,
                 h->LINSpeed, LDF_GetSchFrameQuantity(h, argv[5]));
@@ -220,7 +268,8 @@ int run(int argc, char** argv) {
     std::printf("frames on the bus:\n");
     print_exchanged(h, h);
     if (r != 0) {
-      std::fprintf(stderr, "veltrix ldf: the schedule stopped with %d\n", r);
+      // The code is the LDF family's or, passed through, the LIN family's: no one meaning.
+      std::fprintf(stderr, "veltrix ldf: the schedule stopped with code %d.\n", r);
     } else {
       std::printf("signals afterwards:\n");
       print_signals(h, argv[5]);
@@ -235,6 +284,10 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int cmd_ldf(int argc, char** argv) {
+  if (veltrix::tools::wants_help(argc, argv)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   if (argc == 3 && std::strcmp(argv[1], "show") == 0) return show(argv[2]);
   if (argc >= 2 && std::strcmp(argv[1], "run") == 0) return run(argc, argv);
   return usage();

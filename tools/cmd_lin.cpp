@@ -15,14 +15,15 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli.hpp"
 #include "veltrix/lin.h"
 #include "veltrix/lin_uds.h"
 #include "veltrix/usb_device.h"
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix lin SERIAL CH init [BAUD]\n"
                "       veltrix lin SERIAL CH write ID#DATA [classic|enhanced]\n"
                "       veltrix lin SERIAL CH read ID\n"
@@ -177,6 +178,10 @@ int run(int h, unsigned char ch, int argc, char** argv) {
 }  // namespace
 
 int cmd_lin(int argc, char** argv) {
+  if (veltrix::tools::wants_help(argc, argv)) {
+    usage(stdout);
+    return 0;
+  }
   unsigned long serial, ch;
   if (argc < 4 || !parse_hex(argv[1], 0xFFFFFFFFul, &serial) || !parse_dec(argv[2], 3, &ch)) {
     usage();

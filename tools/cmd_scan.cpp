@@ -5,19 +5,32 @@
 #include <libusb.h>
 
 #include "device/registry.hpp"
+#include "tools/cli.hpp"
 #include "veltrix/usb_device.h"
 
 int cmd_scan(int argc, char** argv) {
-  (void)argc;
-  (void)argv;
+  static const char kUsage[] =
+      "usage: veltrix scan\n"
+      "Lists the attached adapters: handle (serial number in hex, the SERIAL of the other\n"
+      "commands), model code, USB port path and speed.\n";
+  if (veltrix::tools::wants_help(argc, argv)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc > 1) {
+    std::fprintf(stderr, "veltrix scan: takes no arguments ('veltrix scan --help').\n");
+    return 2;
+  }
   std::vector<unsigned int> handles(64);
   int n = USB_ScanDevice(handles.data());
   if (n < 0) {
-    std::fprintf(stderr, "veltrix scan: USB error %d\n", n);
+    std::fprintf(stderr, "veltrix scan: USB access failed (libusb error %d).\n", n);
     return 1;
   }
   if (n == 0) {
-    std::fprintf(stderr, "veltrix scan: no adapter found\n");
+    std::fprintf(stderr,
+                 "veltrix scan: no adapter found (is it plugged in, and does the udev rule grant "
+                 "access?).\n");
     return 1;
   }
   std::printf("%-10s  %-5s  %-10s  %s\n", "HANDLE", "MODEL", "PORT", "SPEED");

@@ -45,6 +45,13 @@ VELTRIX_EXTERN_C_BEGIN
  * are skipped silently. The caller owns the handle and frees it with DBC_Release. */
 VELTRIX_API long long DBC_ParserFile(int DevHandle, const char* pFileName);
 
+/* Loads a DBC file without an adapter: the same database DBC_ParserFile builds, for
+ * programs that only encode and decode (log files, test benches without hardware).
+ * pFileName: path of the file; may be NULL (gives 0).
+ * Returns the database handle, or 0 when the file cannot be opened or is malformed as
+ * described for DBC_ParserFile. The caller owns the handle and frees it with DBC_Release. */
+VELTRIX_API long long DBC_LoadFile(const char* pFileName);
+
 /* Frees a database. Returns 0, or -4 for a handle that is not live. The handle is invalid
  * afterwards; it must not be released while another thread uses it. */
 VELTRIX_API int DBC_Release(long long DBCHandle);

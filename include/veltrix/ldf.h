@@ -311,7 +311,15 @@ VELTRIX_API int LDF_DataRawToFrame(LDF_LIN_FRAME* frame, const unsigned char* da
 VELTRIX_API LDF_CODING* LDF_ParserFile(int DevHandle, unsigned char LINIndex,
                                        unsigned char isMaster, const char* path);
 
-/* Frees a handle from LDF_ParserFile and everything it owns (for a record filled by
+/* Parses the file without an adapter, for the readers and the signal codec (log
+ * decoding, tools without hardware). path may be NULL (gives NULL). Returns a new handle
+ * with DevHandle, LINIndex, MasterMode and Initialized 0, or NULL when the file cannot be
+ * read or parsed or memory runs out. LDF_ExeFrameToBus, LDF_ExeSchToBus and
+ * LDF_SetSchToTable answer -3 for it, as no channel was set up. Free it with
+ * LDF_Release. */
+VELTRIX_API LDF_CODING* LDF_LoadFile(const char* path);
+
+/* Frees a handle from LDF_ParserFile or LDF_LoadFile and everything it owns (for a record filled by
  * LDF_Decode, frees what the decodes allocated and zeroes the record). Returns 0, or -4
  * for NULL or a pointer that is not a live handle (so a second release is harmless). */
 VELTRIX_API int LDF_Release(LDF_CODING* pLDF);

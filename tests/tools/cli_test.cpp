@@ -1,0 +1,382 @@
+// The veltrix CLI as users run it: real processes, under veltrix-sim where an adapter is
+// needed, with exact output and exit status. Frame times are wall-clock and so are matched
+// by shape only; everything else is compared as written.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const std::string kCli = VELTRIX_CLI;
+const std::string kSim = VELTRIX_SIM;
+const std::string kCorpus = VELTRIX_CORPUS_DIR;
+const std::string kMotohawk = kCorpus + "/dbc/motohawk.dbc";
+
+struct Result {
+  int status = -1;
+  std::string out, err;
+};
+
+std::string quote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+std::string temp_path(const std::string& name) { return testing::TempDir() + "/cli_" + name; }
+
+void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// Runs argv (through veltrix-sim when sim is set) with input on stdin.
+Result run(const std::vector<std::string>& argv, bool sim = false, const std::string& input = "") {
+  const std::string in = temp_path("stdin"), out = temp_path("stdout"), err = temp_path("stderr");
+  write_file(in, input);
+  std::string cmd = sim ? quote(kSim) + " --adapter 51000001@1 --" : "";
+  for (const std::string& a : argv) cmd += " " + quote(a);
+  cmd += " <" + quote(in) + " >" + quote(out) + " 2>" + quote(err);
+  const int raw = std::system(cmd.c_str());
+  Result r;
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+  r.out = slurp(out);
+  r.err = slurp(err);
+  return r;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> v;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) v.push_back(l);
+  return v;
+}
+
+// "(1795409783.192493) vx51000001-1 " prefix with wall-clock time in the last year or so.
+const std::regex kLogPrefix(R"(^\((17|18|19)\d{8}\.\d{6}\) vx51000001-1 )");
+
+// The frame words of candump log lines, checking each line's prefix.
+std::vector<std::string> logged_frames(const std::string& text) {
+  std::vector<std::string> frames;
+  for (const std::string& l : lines(text)) {
+    EXPECT_TRUE(std::regex_search(l, kLogPrefix)) << l;
+    frames.push_back(l.substr(l.rfind(' ') + 1));
+  }
+  return frames;
+}
+
+std::vector<std::string> can_cmd(std::vector<std::string> receiver,
+                                 std::vector<std::string> sender) {
+  std::vector<std::string> argv = {kCli, "can"};
+  argv.insert(argv.end(), receiver.begin(), receiver.end());
+  argv.push_back("+");
+  argv.insert(argv.end(), sender.begin(), sender.end());
+  return argv;
+}
+
+TEST(CliCan, DumpWritesCandumpLogLinesOfWhatCrossesTheCable) {
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4", "--timeout", "3000"},
+              {"send", "51000001", "0", "--bitrate", "500000", "123#DEADBEEF", "18DAF110#0210C0",
+               "7DF#R", "7DF#R3"}),
+      true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(logged_frames(r.out),
+            (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R", "7DF#R3"}));
+}
+
+TEST(CliCan, FiltersPassOnlyMatchingIdsOfTheirFormat) {
+  Result r = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--timeout", "1500",
+                          "--filter", "120:7F0", "--filter", "18DAF100:1FFFFF00"},
+                         {"send", "51000001", "0", "--bitrate", "500000", "123#01", "223#02",
+                          "00000123#03", "18DAF1F1#04", "12F#05"}),
+                 true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(logged_frames(r.out), (std::vector<std::string>{"123#01", "18DAF1F1#04", "12F#05"}));
+}
+
+TEST(CliCan, DecodedSignalsGoToStderrSoTheLogStaysMachineReadable) {
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "2", "--timeout", "3000",
+               "--dbc", kMotohawk},
+              {"send", "51000001", "0", "--bitrate", "500000", "1F0#A5E0000000000000", "123#00"}),
+      true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(logged_frames(r.out), (std::vector<std::string>{"1F0#A5E0000000000000", "123#00"}));
+  EXPECT_EQ(r.err,
+            "  ExampleMessage: Temperature=247.44 degK AverageRadius=1.8 m Enable=Enabled\n"
+            "  (no message with id 123)\n");
+}
+
+TEST(CliCan, LogFileIsReadByReplayAndByTheCanTools) {
+  const std::string log = temp_path("recorded.log");
+  Result rec = run(can_cmd({"log", "51000001", "1", "--bitrate", "500000", log, "--count", "3",
+                            "--timeout", "3000"},
+                           {"send", "51000001", "0", "--bitrate", "500000", "123#DEADBEEF",
+                            "18DAF110#0210C0", "7DF#R2"}),
+                   true);
+  ASSERT_EQ(rec.status, 0) << rec.err;
+  EXPECT_EQ(rec.out, "");
+  const std::string text = slurp(log);
+  EXPECT_EQ(logged_frames(text),
+            (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R2"}));
+
+  // python-can reads it as a candump log.
+  Result py =
+      run({"/usr/bin/python3", "-c",
+           "import can\n"
+           "for m in can.LogReader('" +
+               log +
+               "'):\n"
+               "    print(hex(m.arbitration_id), m.is_extended_id, m.is_remote_frame, m.dlc,"
+               " m.data.hex(), m.channel)\n"});
+  EXPECT_EQ(py.status, 0) << py.err;
+  EXPECT_EQ(py.out,
+            "0x123 False False 4 deadbeef vx51000001-1\n"
+            "0x18daf110 True False 3 0210c0 vx51000001-1\n"
+            "0x7df False True 2  vx51000001-1\n");
+
+  // can-utils' log2asc reads it, mapping the adapter's interface name to channel 1.
+  Result asc = run({"log2asc", "-I", log, "vx51000001-1"});
+  EXPECT_EQ(asc.status, 0) << asc.err;
+  std::vector<std::string> frames;
+  const std::regex asc_time(R"(^ +\d+\.\d{6} )");
+  for (const std::string& l : lines(asc.out))
+    if (std::regex_search(l, asc_time)) frames.push_back(std::regex_replace(l, asc_time, ""));
+  EXPECT_EQ(frames, (std::vector<std::string>{"1  123             Rx   d 4 DE AD BE EF",
+                                              "1  18DAF110x       Rx   d 3 02 10 C0",
+                                              "1  7DF             Rx   r 2"}));
+
+  // Replayed onto the cable, the same frames arrive again.
+  Result again = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "3", "--timeout", "3000"},
+              {"replay", "51000001", "0", "--bitrate", "500000", log}),
+      true);
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(logged_frames(again.out),
+            (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R2"}));
+}
+
+TEST(CliCan, GenSendsWhatItPrints) {
+  Result r = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "4", "--timeout", "3000"},
+              {"gen", "51000001", "0", "--bitrate", "500000", "--count", "4", "--gap", "0",
+               "--seed", "7", "--id", "1A5", "--data", "i", "--len", "2", "--verbose"}),
+      true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  // The dump and the generator share stdout: log lines start with the time.
+  std::vector<std::string> printed;
+  std::string logged;
+  for (const std::string& l : lines(r.out)) {
+    if (!l.empty() && l[0] == '(')
+      logged += l + "\n";
+    else
+      printed.push_back(l);
+  }
+  EXPECT_EQ(printed,
+            (std::vector<std::string>{"seed 7", "1A5#0000", "1A5#0100", "1A5#0200", "1A5#0300"}));
+  EXPECT_EQ(logged_frames(logged),
+            (std::vector<std::string>{"1A5#0000", "1A5#0100", "1A5#0200", "1A5#0300"}));
+}
+
+struct Refusal {
+  const char* name;
+  std::vector<std::string> args;  // after "veltrix"
+  int status;
+  std::string err;
+};
+
+class CliRefusals : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(CliRefusals, SaySoInOneSentence) {
+  std::vector<std::string> argv = {kCli};
+  argv.insert(argv.end(), GetParam().args.begin(), GetParam().args.end());
+  Result r = run(argv, true);
+  EXPECT_EQ(r.status, GetParam().status);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, GetParam().err);
+}
+
+std::string bad_replay_file() {
+  const std::string p = temp_path("bad_replay.log");
+  write_file(p, "(1700000000.000000) can0 123#01\n\n(1700000000.000100) can0 123#0G\n");
+  return p;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CliRefusals,
+    ::testing::Values(
+        Refusal{"ShortId",
+                {"can", "send", "51000001", "0", "--bitrate", "500000", "12#00"},
+                2,
+                "veltrix can: frame '12#00': the identifier '12' is not 3 or 8 hex digits "
+                "('veltrix can --help' shows the usage).\n"},
+        Refusal{"FdOnClassicPort",
+                {"can", "send", "51000001", "0", "--bitrate", "500000", "123##1AA"},
+                2,
+                "veltrix can: frame '123##1AA' is a CAN FD frame; a classic port sends classic "
+                "frames ('veltrix can --help' shows the usage).\n"},
+        Refusal{"NoBitrate",
+                {"can", "dump", "51000001", "0"},
+                2,
+                "veltrix can: dump needs --bitrate ('veltrix can --help' shows the usage).\n"},
+        Refusal{"BadFilter",
+                {"can", "dump", "51000001", "0", "--bitrate", "500000", "--filter", "12:7FF"},
+                2,
+                "veltrix can: '12:7FF' is not ID:MASK (3 or 8 hex digits, then a hex mask) for "
+                "--filter ('veltrix can --help' shows the usage).\n"},
+        Refusal{"MissingAdapter",
+                {"can", "send", "5100000F", "0", "--bitrate", "500000", "123#00"},
+                1,
+                "veltrix can: adapter 5100000F was not found or cannot be opened ('veltrix scan' "
+                "lists the attached adapters).\n"},
+        Refusal{"BadReplayLine",
+                {"can", "replay", "51000001", "0", "--bitrate", "500000", bad_replay_file()},
+                1,
+                "veltrix can: " + bad_replay_file() + " line 3: the data '0G' is not hex bytes.\n"},
+        Refusal{"UnknownCommand",
+                {"frobnicate"},
+                2,
+                "veltrix: unknown command 'frobnicate' ('veltrix --help' lists the commands).\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CliDbc, DecodeReadsBothCandumpFormsAndReportsShortFrames) {
+  const std::string input =
+      "(1700000000.000001) can0 1F0#A5E0000000000000\n"
+      "  can0  1F0   [8]  A5 E0 00 00 00 00 00 00\n"
+      "1F0#A5E0\n"
+      "7DF#R\n"
+      "garbage here\n";
+  Result r = run({kCli, "dbc", "decode", kMotohawk}, false, input);
+  EXPECT_EQ(r.status, 1);
+  const std::string decoded =
+      "  ExampleMessage: Temperature=247.44 degK AverageRadius=1.8 m Enable=Enabled\n";
+  EXPECT_EQ(r.out, "(1700000000.000001) can0 1F0#A5E0000000000000\n" + decoded +
+                       "  can0  1F0   [8]  A5 E0 00 00 00 00 00 00\n" + decoded +
+                       "1F0#A5E0\n"
+                       "  ExampleMessage: the frame has 2 data bytes, the message needs 8\n"
+                       "7DF#R\n");
+  EXPECT_EQ(r.err,
+            "veltrix dbc: stdin line 5: a screen line needs an identifier and a [length].\n"
+            "veltrix dbc: 2 of 5 lines could not be decoded.\n");
+}
+
+TEST(CliDbc, DecodeFollowsExtendedMultiplexing) {
+  // Message Extended: S0 switches S1 (S0 = 0) and S5 (S0 = 1); S1 switches S2, S3 (S1 = 0)
+  // and S4 (S1 = 2); S6 switches S7 (1) and S8 (2).
+  Result r = run({kCli, "dbc", "decode", kCorpus + "/dbc/multiplex_2.dbc"}, false,
+                 "0C00FEFE#0000000001000000\n0C00FEFE#2000000002000000\n"
+                 "0C00FEFE#2100000000000000\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "0C00FEFE#0000000001000000\n  Extended: S7=0 S6=1 S3=0 S2=0 S1=0 S0=0\n"
+            "0C00FEFE#2000000002000000\n  Extended: S8=0 S6=2 S4=0 S1=2 S0=0\n"
+            "0C00FEFE#2100000000000000\n  Extended: S6=0 S5=2 S0=1\n");
+}
+
+TEST(CliDbc, EncodePrintsTheFrameCansendTakes) {
+  Result r = run({kCli, "dbc", "encode", kMotohawk, "ExampleMessage", "Temperature=247.44",
+                  "AverageRadius=1.8", "Enable=1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "1F0#A5E0000000000000\n");
+  Result bad = run({kCli, "dbc", "encode", kMotohawk, "ExampleMessage", "Nope=1"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err,
+            "veltrix dbc: setting ExampleMessage.Nope failed: -5 (no such message or signal).\n");
+}
+
+TEST(CliDbc, ShowPrintsACycleTimeOnlyWhereTheFileGivesOne) {
+  Result r = run({kCli, "dbc", "show", kCorpus + "/dbc/foobar.dbc"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("00012330 Foo  dlc 8  sender FOO\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("00012331 Fum  dlc 5  sender FOO  cycle 1 ms\n"), std::string::npos);
+}
+
+struct BadFile {
+  const char* name;
+  const char* command;  // dbc or ldf
+  std::string content;
+  std::string why;  // after "veltrix CMD: PATH "
+};
+
+class CliBadFiles : public ::testing::TestWithParam<BadFile> {};
+
+TEST_P(CliBadFiles, FailNamingFileAndLine) {
+  const std::string path = temp_path(std::string(GetParam().name) + ".txt");
+  write_file(path, GetParam().content);
+  Result r = run({kCli, GetParam().command, "show", path});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "veltrix " + std::string(GetParam().command) + ": " + path + " " + GetParam().why);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CliBadFiles,
+    ::testing::Values(BadFile{"EmptyDbc", "dbc", "", "line 1: the file is empty, not DBC text.\n"},
+                      BadFile{"BinaryDbc", "dbc",
+                              std::string("VERSION \"\"\n\nBO_ 1 A: 8 X\n") + "\x01",
+                              "line 4: binary data (byte 0x01), not DBC text.\n"},
+                      BadFile{"ProseDbc", "dbc", "hello\nworld\n",
+                              "line 1: no DBC statement in the file (VERSION, BU_, BO_).\n"},
+                      BadFile{"MissingSender", "dbc", "VERSION \"\"\n\nBO_ 100 Msg: 8\n",
+                              "line 3: the BO_ statement lacks a part it needs.\n"},
+                      BadFile{"EmptyLdf", "ldf", "", "line 1: the file is empty, not LDF text.\n"},
+                      BadFile{"BinaryLdf", "ldf", std::string("LIN_description_file;\n\0", 23),
+                              "line 2: binary data (byte 0x00), not LDF text.\n"},
+                      BadFile{"HeaderlessLdf", "ldf", "/* a\n comment */\n  Nodes { }\n",
+                              "line 3: an LDF file begins with \"LIN_description_file;\".\n"},
+                      BadFile{"OnlyCommentsLdf", "ldf", "// nothing\n",
+                              "line 2: the file ends before \"LIN_description_file;\".\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CliHelp, EveryCommandDescribesItselfOnStdout) {
+  Result top = run({kCli, "--help"});
+  ASSERT_EQ(top.status, 0);
+  const std::string list = lines(top.out).at(1);
+  ASSERT_EQ(list.rfind("commands: ", 0), 0u) << top.out;
+  std::istringstream names(list.substr(10));
+  int seen = 0;
+  for (std::string name; names >> name; ++seen) {
+    Result r = run({kCli, name, "--help"});
+    EXPECT_EQ(r.status, 0) << name;
+    EXPECT_EQ(r.out.rfind("usage: veltrix " + name, 0), 0u) << name << ": " << r.out;
+    EXPECT_EQ(r.err, "") << name;
+  }
+  EXPECT_GE(seen, 6);
+}
+
+TEST(VeltrixSim, ReportsClashingAdapterPositionsAsAMessage) {
+  const struct {
+    std::string a, b, err;
+  } cases[] = {
+      {"51000001@1", "51000002@1",
+       "veltrix-sim: adapters 51000001 and 51000002 are both placed at port 1\n"},
+      {"51000001@1", "51000001@2", "veltrix-sim: adapter 51000001 is placed twice\n"},
+      {"51000001@1", "51000002@1.2",
+       "veltrix-sim: port 1.2 lies behind adapter 51000001, which is not a hub\n"},
+      {"51000001@1.2", "51000002@1",
+       "veltrix-sim: port 1 is a hub on the way to another adapter, it cannot also hold adapter "
+       "51000002\n"},
+  };
+  for (const auto& c : cases) {
+    Result r = run({kSim, "--adapter", c.a, "--adapter", c.b, "--", kCli, "scan"});
+    EXPECT_EQ(r.status, 2) << c.a << " " << c.b;
+    EXPECT_EQ(r.err, c.err);
+  }
+}
+
+}  // namespace
