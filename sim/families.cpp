@@ -5,6 +5,7 @@
 #include "sim/device_services.hpp"
 #include "sim/i2c_bus.hpp"
 #include "sim/lin_bus.hpp"
+#include "sim/spi_bus.hpp"
 
 namespace veltrix::sim {
 
@@ -13,6 +14,7 @@ void install_families(Model& m) {
   install_lin(m);
   install_can(m);
   install_i2c(m);
+  install_spi(m);
 }
 
 }  // namespace veltrix::sim

@@ -11,5 +11,7 @@
 #include "veltrix/lin.h"
 #include "veltrix/lin_uds.h"
 #include "veltrix/i2c.h"
+#include "veltrix/spi.h"
+#include "veltrix/i2c.h"
 
 #endif
