@@ -17,7 +17,11 @@ namespace {
 constexpr size_t kHalf = SPI_SLAVE_READ_MAX;
 constexpr auto kReaderPause = std::chrono::milliseconds(1);
 constexpr auto kStopGrace = std::chrono::milliseconds(10);
-constexpr int kPollTimeout = 1;
+// The adapter answers a fetch at once with what it has, so the receive time-out only
+// matters for a late answer: taken below 1 it is the transport's own, because a fetch
+// given up after 11 ms would leave its late answer to misframe the next command and end
+// the reader with the bytes in it lost.
+constexpr int kPollTimeout = 0;
 constexpr int kPollBudgetMs = 10;
 
 // The FIFO's data lock is keyed by the slot, not by the caller's spelling of the handle
