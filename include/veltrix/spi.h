@@ -226,7 +226,8 @@ VELTRIX_API int SPI_FlashErase(int DevHandle, unsigned char SPIIndex, unsigned i
 /* ---- Slave ------------------------------------------------------------------------ */
 
 /* Offers Len bytes to the remote master, waiting up to TimeOutMs. Returns the adapter's
- * 32-bit count, -2, -4 (no reply or not four bytes), -5. */
+ * 32-bit count (0..INT_MAX), -2, -4 (no reply, not four bytes, or a count above INT_MAX),
+ * -5. */
 VELTRIX_API int SPI_SlaveWriteBytes(int DevHandle, unsigned char SPIIndex,
                                     unsigned char* pWriteData, int Len, int TimeOutMs);
 

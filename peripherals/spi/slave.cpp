@@ -3,6 +3,7 @@
 #include "peripherals/spi/slave.hpp"
 
 #include <algorithm>
+#include <climits>
 #include <vector>
 
 #include "device/abi.hpp"
@@ -31,7 +32,10 @@ int slave_write(int handle, uint8_t ch, const uint8_t* data, int len, int timeou
                                   .reply = count,
                                   .timeout_ms = slave_wait_ms(timeout, kSlaveMarginMs)});
   if (int code = spi_code(r.code)) return code;
-  return r.reply_len == 4 ? int(wire::get_be32(count)) : SPI_ERR_REPLY;
+  if (r.reply_len != 4) return SPI_ERR_REPLY;
+  // A count beyond INT_MAX would read as an error code: no adapter offers that much.
+  const uint32_t n = wire::get_be32(count);
+  return n <= uint32_t(INT_MAX) ? int(n) : SPI_ERR_REPLY;
 }
 
 int slave_exchange(int handle, uint8_t ch, uint32_t cmd, const uint8_t* wdata, int wlen,

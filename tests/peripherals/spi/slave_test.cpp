@@ -52,6 +52,8 @@ TEST_F(SpiSlave, WriteBytesReturnsTheAdaptersBigEndianCount) {
   EXPECT_EQ(sent(0x205).at(0), (Bytes{1, 0, 0, 1, 0, 1, 2, 3}));
   raw_reply(0x205, {0x00, 0x01, 0x02, 0x03});
   EXPECT_EQ(SPI_SlaveWriteBytes(kSpiDev, 1, d, 3, 10), 0x010203);
+  raw_reply(0x205, {0xFF, 0xFF, 0xFF, 0xFE});
+  EXPECT_EQ(SPI_SlaveWriteBytes(kSpiDev, 1, d, 3, 10), SPI_ERR_REPLY);
   raw_reply(0x205, {0x00, 0x01});
   EXPECT_EQ(SPI_SlaveWriteBytes(kSpiDev, 1, d, 3, 10), SPI_ERR_REPLY);
 }
