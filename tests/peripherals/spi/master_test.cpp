@@ -1,4 +1,6 @@
 // Channel set-up, plain, block, bit-string and event-started master transfers.
+#include <cstdlib>
+#include <random>
 #include <string>
 
 #include "tests/peripherals/spi/spi_fixture.hpp"
@@ -76,6 +78,57 @@ TEST_F(SpiMaster, ReadBitsUnpacksAndStopsAtTheCount) {
   EXPECT_EQ(SPI_WriteReadBits(kSpiDev, 0, bad, out, 6), SPI_ERR_PARAMETER);
   EXPECT_EQ(SPI_ReadBits(kSpiDev, 0, out, SPI_MAX_BITS + 1), SPI_ERR_PARAMETER);
   EXPECT_EQ(sent(0x212).size(), 1u);
+}
+
+// Reference packer, written the slow way: shift each bit into an accumulator.
+Bytes reference_pack(const std::string& bits) {
+  Bytes out;
+  unsigned acc = 0;
+  int n = 0;
+  for (char c : bits) {
+    acc = (acc << 1) | unsigned(c == '1');
+    if (++n == 8) {
+      out.push_back(uint8_t(acc));
+      acc = 0;
+      n = 0;
+    }
+  }
+  if (n) out.push_back(uint8_t(acc << (8 - n)));
+  return out;
+}
+
+TEST_F(SpiMaster, RandomBitStringsMatchAReferencePacker) {
+  const char* env = std::getenv("VELTRIX_TEST_SEED");
+  const unsigned seed = env ? unsigned(std::strtoul(env, nullptr, 10)) : 20261123u;
+  std::printf("seed %u (set VELTRIX_TEST_SEED to repeat another)\n", seed);
+  std::mt19937 rng(seed);
+  for (int round = 0; round < 40; ++round) {
+    const size_t len = rng() % 300;
+    std::string w(len, '0');
+    for (char& c : w) c = (rng() & 1) ? '1' : '0';
+    Bytes miso((len + 7) / 8);
+    for (uint8_t& b : miso) b = uint8_t(rng());
+    with_channel(0, [&](sim::SpiChannel& c) { c.miso_script.assign(miso.begin(), miso.end()); });
+    m_->clear_record();
+    std::string out(len + 1, 'x');
+    ASSERT_EQ(SPI_WriteReadBits(kSpiDev, 0, w.data(), out.data(), int(len)), 0) << round;
+    Bytes want{0,
+               uint8_t(len >> 24),
+               uint8_t(len >> 16),
+               uint8_t(len >> 8),
+               uint8_t(len),
+               uint8_t(len >> 24),
+               uint8_t(len >> 16),
+               uint8_t(len >> 8),
+               uint8_t(len)};
+    Bytes packed = reference_pack(w);
+    want.insert(want.end(), packed.begin(), packed.end());
+    EXPECT_EQ(sent(0x212).at(0), want) << "round " << round;
+    // What came back, unpacked bit by bit from the bytes the adapter sent.
+    std::string back;
+    for (size_t i = 0; i < len; ++i) back += char('0' + ((miso[i / 8] >> (7 - i % 8)) & 1));
+    EXPECT_EQ(std::string(out.c_str()), back) << "round " << round;
+  }
 }
 
 TEST_F(SpiMaster, PlainTransferLayoutsAndExactReplyLength) {
