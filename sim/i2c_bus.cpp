@@ -162,6 +162,8 @@ std::optional<Reply> blocks(Model& m, const Command& c, bool reading) {
   const uint32_t size = wire::get_be32(&c.payload[3]), count = wire::get_be32(&c.payload[7]);
   if (!reading && uint64_t(size) * count != c.payload.size() - 15) return status(c, kDataNack);
   const uint16_t addr = wire::get_be16(&c.payload[1]);
+  // The firmware's block table has room for 65535 entries; more is refused.
+  if (count > 0xFFFF) return status(c, kDataNack);
   Bytes in;
   for (uint32_t i = 0; i < count; ++i) {
     Transaction t;

@@ -49,7 +49,7 @@ void Eeprom24::stop() {
   for (auto [at, b] : pending_) mem[at] = b;
   pending_.clear();
   ++write_cycles;
-  busy_until_ = std::chrono::steady_clock::now() + kWriteCycle;
+  busy_until_ = std::chrono::steady_clock::now() + write_cycle;
 }
 
 SmbusSensor::SmbusSensor() {
