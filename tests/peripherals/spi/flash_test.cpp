@@ -120,7 +120,7 @@ TEST_F(SpiFlash, EraseChipWaitsOutTheBusyTime) {
 
 TEST_F(SpiFlash, BusyPastTheTimeOutIsReported) {
   init_flash();
-  with_channel(0, [](sim::SpiChannel& c) { c.flash.chip_erase_time = std::chrono::seconds(5); });
+  with_channel(0, [](sim::SpiChannel& c) { c.flash.chip_erase_time = std::chrono::hours(1); });
   EXPECT_EQ(SPI_FlashEraseChip(kSpiDev, 0, 50), SPI_ERR_STATUS);
   EXPECT_EQ(SPI_FlashErase(kSpiDev, 0, 0, 3, 0x20, 30), SPI_ERR_STATUS);
   // The second call never got past its first wait: no further write enable went out.
