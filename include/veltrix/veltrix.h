@@ -12,6 +12,5 @@
 #include "veltrix/lin_uds.h"
 #include "veltrix/i2c.h"
 #include "veltrix/spi.h"
-#include "veltrix/i2c.h"
 
 #endif
