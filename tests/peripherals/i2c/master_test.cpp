@@ -152,6 +152,16 @@ TEST_F(I2cMaster, WriteNeedsExactlyOneStatusByte) {
   EXPECT_EQ(IIC_WriteBytes(kI2cDev, 0, 0x48, b, 1, 10), IIC_ERR_REPLY);
 }
 
+TEST_F(I2cMaster, AnUnpluggedAdapterFailsEveryCallAndTheScanStopsAtOnce) {
+  fault(sim::FaultKind::Unplug, 0x701);
+  short found[IIC_SCAN_MAX];
+  EXPECT_EQ(IIC_GetSlaveAddr(kI2cDev, 0, found), IIC_ERR_REPLY);
+  // One probe, not 1024 of them against a device that is gone.
+  EXPECT_EQ(sent(0x701).size(), 1u);
+  unsigned char b[2];
+  EXPECT_EQ(IIC_ReadBytes(kI2cDev, 0, 0x50, b, 2, 10), IIC_ERR_SEND);
+}
+
 TEST_F(I2cMaster, ScanProbes128AddressesOnA7BitChannel) {
   IIC_CONFIG c{100000, 0, 1, 7, {0, 0}, {0, 0}};
   ASSERT_EQ(IIC_Init(kI2cDev, 3, &c), 0);

@@ -184,6 +184,21 @@ TEST_F(SpiSlave, ReaderEndsOnAFailedFetchAndKeepsWhatItHad) {
   EXPECT_EQ(drain_fifo(0), pattern(10));
 }
 
+TEST_F(SpiSlave, UnplugEndsTheReaderAndKeepsTheFifo) {
+  stream(0, pattern(5000));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0, nullptr), 0);
+  wait_served(0);
+  fault(sim::FaultKind::Unplug, 0x223);
+  for (int i = 0; i < 10000 && spi::slave_reader_running(kSpiDev); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_FALSE(spi::slave_reader_running(kSpiDev));
+  EXPECT_EQ(drain_fifo(0), pattern(5000));
+  // The adapter is gone: stopping tells it nothing and says so.
+  EXPECT_EQ(SPI_SlaveContinueReadStop(kSpiDev, 0), SPI_ERR_SEND);
+  unsigned char b[4];
+  EXPECT_EQ(SPI_SlaveReadBytes(kSpiDev, 0, b, 4, 20), SPI_ERR_SEND);
+}
+
 TEST_F(SpiSlave, OneReaderServesBothChannelsUntilBothStop) {
   stream(0, pattern(300));
   stream(1, pattern(500));
