@@ -3,7 +3,9 @@
 
 #include "sim/can_bus.hpp"
 #include "sim/device_services.hpp"
+#include "sim/i2c_bus.hpp"
 #include "sim/lin_bus.hpp"
+#include "sim/spi_bus.hpp"
 
 namespace veltrix::sim {
 
@@ -11,6 +13,8 @@ void install_families(Model& m) {
   install_device_services(m);
   install_lin(m);
   install_can(m);
+  install_i2c(m);
+  install_spi(m);
 }
 
 }  // namespace veltrix::sim

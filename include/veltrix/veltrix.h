@@ -10,5 +10,7 @@
 #include "veltrix/ldf.h"
 #include "veltrix/lin.h"
 #include "veltrix/lin_uds.h"
+#include "veltrix/i2c.h"
+#include "veltrix/spi.h"
 
 #endif
