@@ -122,6 +122,7 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     if (tx.sent.size() > kSentLog) tx.sent.pop_front();
     ++tx.delivered;
     if (accepts(*peer, f)) receive(*peer, f);
+    for (const CanNode& node : bus.nodes) node(m, from, f);
   }
 }
 
@@ -259,6 +260,13 @@ void can_force_bus_off(Model& m, unsigned port) {
 void can_abort_next_batch(Model& m, unsigned port, int n) {
   std::scoped_lock g(sim_mutex());
   can_bus(m).ports.at(port).abort_after = n;
+}
+
+void can_deliver(Model& m, unsigned port, CanFrame f) {
+  CanPortModel& p = can_bus(m).ports.at(port);
+  if (!p.running) return;
+  f.time = now_100us(m);
+  if (accepts(p, f)) receive(p, f);
 }
 
 void install_can(Model& m) {
