@@ -8,15 +8,14 @@
 
 #include "can/can_state.hpp"
 #include "device/abi.hpp"
-#include "device/wire.hpp"
 #include "protocols/isotp_clock.hpp"
 #include "protocols/isotp_frames.hpp"
+#include "protocols/isotp_reassembler.hpp"
 
 namespace veltrix::isotp {
 namespace {
 
 constexpr uint32_t kId29 = 0x1FFFFFFF;
-constexpr uint32_t kMaxMessage = 0x7FFFFFFF;  // the longest length the int result can carry
 
 uint64_t now_us() { return active_clock.now_us(); }
 bool expired(uint64_t start_us, uint32_t timeout_ms) {
@@ -69,12 +68,6 @@ CAN_UDS_ADDR link_addr(CAN_UDS_ADDR* addr) {
 
 int send_frame(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, const FrameBytes& f) {
   return CAN_UDS_SendMsg(h, port, a, f.data, f.size);
-}
-
-// Writes the bytes of [at, at + n) that fit below capacity.
-void put_bounded(uint8_t* out, size_t capacity, uint64_t at, const uint8_t* src, uint64_t n) {
-  if (at >= capacity) return;
-  std::memcpy(out + at, src, size_t(std::min<uint64_t>(n, capacity - at)));
 }
 
 }  // namespace
@@ -134,24 +127,20 @@ int request(uint32_t h, uint8_t port, CAN_UDS_ADDR* addr, const uint8_t* data, i
   if (can::is_canfd_model(h)) return CAN_UDS_ERR_SEND;
   const CAN_UDS_ADDR a = link_addr(addr);
   const FramePlan p = plan(a.FrameLength, a.ExtAddressing != 0);
-  const uint8_t x = a.AddressExtension;
   const uint32_t total = len > 0 ? uint32_t(len) : 0;
 
   CAN_ClearCANMsgFromUDSBuffer(h, port);
-  uint32_t at = 0;
-  int r = send_frame(h, port, a, first_or_single(p, x, data, total, &at));
-  if (r != CAN_UDS_OK || total <= p.single_max) return r;
+  Segmenter message(p, a.AddressExtension, data, total);
+  int r = send_frame(h, port, a, message.next());
+  if (r != CAN_UDS_OK || message.done()) return r;
 
   UDS_FC fc{};
   if ((r = CAN_UDS_WaitFC(h, port, a, &fc, kFlowControlTimeoutMs)) != CAN_UDS_OK) return r;
   std::vector<CAN_MSG> batch;
   batch.reserve(kBatchFrames);
-  uint8_t seq = 1;
   uint32_t in_block = 0;
-  while (at < total) {
-    const uint32_t n = std::min(p.consecutive, total - at);
-    const FrameBytes f = consecutive(p, x, seq++, data + at, n);
-    at += n;
+  while (!message.done()) {
+    const FrameBytes f = message.next();
     if (const uint32_t pause_ms = stmin_ms(fc.STmin); pause_ms > 0) {
       if ((r = send_frame(h, port, a, f)) != CAN_UDS_OK) return r;
       active_clock.sleep_us(pause_ms * 1000);
@@ -162,7 +151,7 @@ int request(uint32_t h, uint8_t port, CAN_UDS_ADDR* addr, const uint8_t* data, i
         batch.clear();
       }
     }
-    if (fc.BlockSize != 0 && ++in_block == fc.BlockSize && at < total) {
+    if (fc.BlockSize != 0 && ++in_block == fc.BlockSize && !message.done()) {
       if ((r = CAN_UDS_SendCANMsg(h, port, batch)) != CAN_UDS_OK) return r;
       batch.clear();
       if ((r = CAN_UDS_WaitFC(h, port, a, &fc, kFlowControlTimeoutMs)) != CAN_UDS_OK) return r;
@@ -178,63 +167,23 @@ int response(uint32_t h, uint8_t port, CAN_UDS_ADDR* addr, uint8_t* out, size_t 
   if (can::is_canfd_model(h)) return CAN_UDS_ERR_SEND;
   const CAN_UDS_ADDR a = link_addr(addr);
   const FramePlan p = plan(a.FrameLength, a.ExtAddressing != 0);
-  const uint32_t x = p.offset, l = p.length;
   const uint64_t start = now_us();
-  uint8_t expected = 1;
-  uint32_t received = 0, total = 0;
-  auto finish = [&]() -> int {
-    return bounded && total > capacity ? CAN_UDS_ERR_BUFFER : int(total);
-  };
-
+  Reassembler message(p, out, capacity);
   for (;;) {
     uint8_t f[kMaxLength] = {};
     const int n = CAN_UDS_GetMsg(h, port, a, f);
     if (n == 0) active_clock.sleep_us(kIdlePauseUs);
-    if (n >= int(2 + x)) {
-      const uint8_t pci = f[x];
-      switch (pci >> 4) {
-        case kConsecutive: {
-          if ((pci & 0x0F) != expected) return CAN_UDS_ERR_SEQUENCE;
-          if (total <= received) return finish();
-          const uint32_t take = std::min(p.consecutive, total - received);
-          put_bounded(out, capacity, received, f + x + 1, take);
-          received += take;
-          expected = (expected + 1) & 0x0F;
-          if (received >= total) return finish();
-          break;
-        }
-        case kFlowControl:
-          break;
-        case kFirst: {
-          //   0001 LLLL | LLLL LLLL              12-bit length, data follows
-          //   0001 0000 | 0000 0000 | 32-bit BE  escape length, data follows
-          total = uint32_t(wire::get_be16(f + x) & 0x0FFF);
-          uint32_t carry = l - 2 - x, data_at = x + 2;
-          if (total == 0) {
-            total = wire::get_be32(f + x + 2);
-            carry = l - 6 - x;
-            data_at = x + 6;
-          }
-          if (total > kMaxMessage) return CAN_UDS_ERR_FRAME;
-          received = std::min(carry, total);
-          put_bounded(out, capacity, 0, f + data_at, received);
-          if (int r = send_frame(h, port, a, flow_control(p, a.AddressExtension)); r != CAN_UDS_OK)
-            return r;
-          expected = 1;
-          break;
-        }
-        case kSingle: {
-          const bool escaped = pci == 0;
-          const uint32_t length = escaped ? f[x + 1] : pci & 0x0F;
-          const uint32_t limit = l - 1 - x - (escaped ? 1 : 0);
-          if (length > limit) return CAN_UDS_ERR_FRAME;
-          total = length;
-          put_bounded(out, capacity, 0, f + x + (escaped ? 2 : 1), length);
-          return finish();
-        }
-        default:
-          return CAN_UDS_ERR_FRAME;
-      }
+    switch (n == 0 ? Reassembler::Step::More : message.feed(f, n)) {
+      case Reassembler::Step::More:
+        break;
+      case Reassembler::Step::FlowControl:
+        if (int r = send_frame(h, port, a, flow_control(p, a.AddressExtension)); r != CAN_UDS_OK)
+          return r;
+        break;
+      case Reassembler::Step::Done:
+        return bounded && message.length() > capacity ? CAN_UDS_ERR_BUFFER : int(message.length());
+      case Reassembler::Step::Error:
+        return message.error();
     }
     if (expired(start, timeout_ms)) return CAN_UDS_ERR_TIMEOUT;
   }

@@ -17,7 +17,7 @@ inline constexpr uint32_t kSendRetryPauseUs = 10'000;
 inline constexpr uint32_t kBatchFrames = 20;
 // Pause after finding the ISO-TP queue empty. The receive thread refills it every 10 ms;
 // spinning on its lock would only take CPU from the thread that feeds it.
-inline constexpr uint32_t kIdlePauseUs = 200;
+inline constexpr uint32_t kIdlePauseUs = 1000;
 // Frames of other identifiers one read discards before it reports "nothing" and lets
 // the caller look at its clock: a flood of foreign traffic cannot stall a time-out.
 inline constexpr int kDiscardPerRead = 256;

@@ -65,6 +65,17 @@ FrameBytes consecutive(const FramePlan& p, uint8_t address, uint8_t seq, const u
   return f;
 }
 
+FrameBytes Segmenter::next() {
+  if (!started_) {
+    started_ = true;
+    return first_or_single(plan_, address_, data_, len_, &at_);
+  }
+  const uint32_t n = std::min(plan_.consecutive, len_ - at_);
+  const FrameBytes f = consecutive(plan_, address_, seq_++, data_ + at_, n);
+  at_ += n;
+  return f;
+}
+
 FrameBytes flow_control(const FramePlan& p, uint8_t address) {
   FrameBytes f{};
   uint8_t at = 0;

@@ -57,6 +57,25 @@ FrameBytes first_or_single(const FramePlan& p, uint8_t address, const uint8_t* d
 // A consecutive frame with sequence number seq (low 4 bits) carrying n data bytes.
 FrameBytes consecutive(const FramePlan& p, uint8_t address, uint8_t seq, const uint8_t* data,
                        uint32_t n);
+// Cuts a message into its frames: the first (or single) frame, then consecutive frames
+// numbered from 1. data must stay valid while frames are taken.
+class Segmenter {
+ public:
+  Segmenter(const FramePlan& p, uint8_t address, const uint8_t* data, uint32_t len)
+      : plan_(p), address_(address), data_(data), len_(len) {}
+  bool done() const { return started_ && at_ >= len_; }
+  FrameBytes next();
+
+ private:
+  FramePlan plan_;
+  uint8_t address_;
+  const uint8_t* data_;
+  uint32_t len_;
+  uint32_t at_ = 0;
+  uint8_t seq_ = 1;
+  bool started_ = false;
+};
+
 // The flow control the response reader sends: continue, block size 0, STmin 0.
 FrameBytes flow_control(const FramePlan& p, uint8_t address);
 
