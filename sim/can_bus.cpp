@@ -100,13 +100,16 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.tec = tx.rec = 0;
   }
   CanPortModel* peer = bus.cable ? &bus.ports[from ^ 1] : nullptr;
+  const bool node_acks = std::any_of(bus.nodes.begin(), bus.nodes.end(),
+                                     [&](const CanNode& n) { return n.present(m); });
   for (CanFrame& f : frames) {
     if (abort_after >= 0 && tx.delivered >= uint32_t(abort_after)) {
       tx.aborted = true;
       return;
     }
     if (tx.bus_off) return;  // stays queued
-    if (!peer || !peer->running || peer->bit_rate != tx.bit_rate || tx.bit_rate == 0) {
+    const bool peer_acks = peer && peer->running && peer->bit_rate == tx.bit_rate;
+    if (tx.bit_rate == 0 || !(peer_acks || node_acks)) {
       // Nobody acknowledges: an error passive transmitter's counter no longer grows.
       tx.last_error = kLecAck;
       if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
@@ -121,8 +124,8 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.sent.push_back(f);
     if (tx.sent.size() > kSentLog) tx.sent.pop_front();
     ++tx.delivered;
-    if (accepts(*peer, f)) receive(*peer, f);
-    for (const CanNode& node : bus.nodes) node(m, from, f);
+    if (peer_acks && accepts(*peer, f)) receive(*peer, f);
+    for (const CanNode& node : bus.nodes) node.on_frame(m, from, f);
   }
 }
 

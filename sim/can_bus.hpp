@@ -77,10 +77,14 @@ struct CanPortModel {
   int abort_after = -1;
 };
 
-// A node of the bus besides the two ports (a virtual ECU): it sees every frame a port
-// puts on the bus, after delivery, and may answer with can_deliver(). Runs under
+// A node of the bus besides the two ports (a virtual ECU). While present it acknowledges
+// frames at any bit rate, so a port needs no running peer; it sees every frame a port puts
+// on the bus, after delivery, and may answer with can_deliver(). Both run under
 // sim_mutex().
-using CanNode = std::function<void(Model& m, unsigned from_port, const CanFrame& f)>;
+struct CanNode {
+  std::function<bool(Model& m)> present;
+  std::function<void(Model& m, unsigned from_port, const CanFrame& f)> on_frame;
+};
 
 struct CanBusState {
   std::array<CanPortModel, kCanPorts> ports{};

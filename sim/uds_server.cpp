@@ -225,9 +225,10 @@ void UdsServer::send_frame(Model& m, unsigned port, const Bytes& bytes) {
 UdsServer& uds_server(Model& m) { return m.state<UdsServer>(); }
 
 void install_uds_server(Model& m) {
-  can_bus(m).nodes.push_back([](Model& model, unsigned port, const CanFrame& f) {
-    uds_server(model).on_frame(model, port, f);
-  });
+  can_bus(m).nodes.push_back(CanNode{[](Model& model) { return uds_server(model).enabled; },
+                                     [](Model& model, unsigned port, const CanFrame& f) {
+                                       uds_server(model).on_frame(model, port, f);
+                                     }});
 }
 
 }  // namespace veltrix::sim
