@@ -94,15 +94,17 @@ VELTRIX_STATIC_ASSERT(offsetof(UDS_FC, STmin) == 2, "UDS_FC.STmin");
  * sends an empty single frame.
  * pAddr must not be NULL (its FrameLength may be rewritten, see CAN_UDS_ADDR); pData may
  * be NULL only when DataLen is 0 or less.
- * Returns 0, or -98, -99, -101, -107. A batch the adapter took only in part ends the
- * request with 0 (the frames of that batch are not echoed). */
+ * Returns 0, or -98, -99, -101, -107. A batch the adapter took only in part counts as
+ * sent (its frames are not echoed) and the request goes on.
+ * On a classic adapter a FrameLength above 8 is planned as 8: its frames hold 8 bytes. */
 VELTRIX_API int CAN_UDS_Request(unsigned int DevHandle, unsigned char CANIndex, CAN_UDS_ADDR* pAddr,
                                 const unsigned char* pData, int DataLen);
 
 /* Reads one complete message from the peer into pData, answering a first frame with a
  * flow control (block size 0, STmin 0). TimeOutMs bounds the whole message.
  * UNSAFE: pData has no size. It must hold the longest message the peer may send, and a
- * first frame may announce up to 4 GiB. Prefer CAN_UDS_ResponseWithSize.
+ * first frame may announce up to 2 GiB (a longer one is refused with -105). Prefer
+ * CAN_UDS_ResponseWithSize.
  * pAddr and pData must not be NULL (-98).
  * Returns the message length, or -98, -101, -103, -105. A consecutive frame arriving
  * before any first frame ends the call with 0. */
@@ -111,8 +113,8 @@ VELTRIX_API int CAN_UDS_Response(unsigned int DevHandle, unsigned char CANIndex,
 
 /* As CAN_UDS_Response, writing at most BufferSize bytes into pData. A longer message is
  * still received to its end (so its frames do not disturb the next transfer) and then
- * answered with -108; pData then holds its first BufferSize bytes. A message longer than
- * INT32_MAX bytes is answered with -108 too.
+ * answered with -108; pData then holds its first BufferSize bytes. A first frame
+ * announcing more than INT32_MAX bytes is refused with -105.
  * pAddr must not be NULL; pData may be NULL only when BufferSize is 0.
  * Returns the message length, or -98, -101, -103, -105, -108. */
 VELTRIX_API int CAN_UDS_ResponseWithSize(unsigned int DevHandle, unsigned char CANIndex,

@@ -362,6 +362,18 @@ INSTANTIATE_TEST_SUITE_P(Cases, RoundTrips, ::testing::ValuesIn(round_trips()),
                                   std::to_string(info.param.length);
                          });
 
+// A classic adapter carries 8 bytes per frame whatever length the record asks for.
+TEST_F(CanUds, ClassicAdapterPlansLongFrameLengthsAs8) {
+  server([](sim::UdsServer& s) { s.enabled = true; });
+  addr.FrameLength = 12;
+  ASSERT_EQ(request(counting(10)), 0);
+  EXPECT_EQ(addr.FrameLength, 12);
+  const Bytes msg = counting(10);
+  EXPECT_THAT(sent_frames(*model).at(0),
+              BytesEq(W{0x10, 0x0A, msg[0], msg[1], msg[2], msg[3], msg[4], msg[5]}));
+  EXPECT_EQ(CAN_UDS_Request(kFdModel, 0, &addr, msg.data(), 10), CAN_UDS_ERR_SEND);
+}
+
 TEST_F(CanUds, EmptyRequestIsAHeaderOnlySingleFrame) {
   ASSERT_EQ(CAN_UDS_Request(kClassic, 0, &addr, nullptr, 0), 0);
   EXPECT_THAT(sent_frames(*model).at(0), BytesEq(W{0, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55}));
