@@ -100,13 +100,16 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.tec = tx.rec = 0;
   }
   CanPortModel* peer = bus.cable ? &bus.ports[from ^ 1] : nullptr;
+  const bool node_acks = std::any_of(bus.nodes.begin(), bus.nodes.end(),
+                                     [&](const CanNode& n) { return n.present(m); });
   for (CanFrame& f : frames) {
     if (abort_after >= 0 && tx.delivered >= uint32_t(abort_after)) {
       tx.aborted = true;
       return;
     }
     if (tx.bus_off) return;  // stays queued
-    if (!peer || !peer->running || peer->bit_rate != tx.bit_rate || tx.bit_rate == 0) {
+    const bool peer_acks = peer && peer->running && peer->bit_rate == tx.bit_rate;
+    if (tx.bit_rate == 0 || !(peer_acks || node_acks)) {
       // Nobody acknowledges: an error passive transmitter's counter no longer grows.
       tx.last_error = kLecAck;
       if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
@@ -121,7 +124,8 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.sent.push_back(f);
     if (tx.sent.size() > kSentLog) tx.sent.pop_front();
     ++tx.delivered;
-    if (accepts(*peer, f)) receive(*peer, f);
+    if (peer_acks && accepts(*peer, f)) receive(*peer, f);
+    for (const CanNode& node : bus.nodes) node.on_frame(m, from, f);
   }
 }
 
@@ -259,6 +263,13 @@ void can_force_bus_off(Model& m, unsigned port) {
 void can_abort_next_batch(Model& m, unsigned port, int n) {
   std::scoped_lock g(sim_mutex());
   can_bus(m).ports.at(port).abort_after = n;
+}
+
+void can_deliver(Model& m, unsigned port, CanFrame f) {
+  CanPortModel& p = can_bus(m).ports.at(port);
+  if (!p.running) return;
+  f.time = now_100us(m);
+  if (accepts(p, f)) receive(p, f);
 }
 
 void install_can(Model& m) {

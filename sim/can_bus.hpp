@@ -20,6 +20,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "sim/model.hpp"
@@ -76,9 +77,19 @@ struct CanPortModel {
   int abort_after = -1;
 };
 
+// A node of the bus besides the two ports (a virtual ECU). While present it acknowledges
+// frames at any bit rate, so a port needs no running peer; it sees every frame a port puts
+// on the bus, after delivery, and may answer with can_deliver(). Both run under
+// sim_mutex().
+struct CanNode {
+  std::function<bool(Model& m)> present;
+  std::function<void(Model& m, unsigned from_port, const CanFrame& f)> on_frame;
+};
+
 struct CanBusState {
   std::array<CanPortModel, kCanPorts> ports{};
   bool cable = true;  // ports 0 and 1 joined
+  std::vector<CanNode> nodes;
 };
 
 // The adapter's CAN state (take sim_mutex() from a test thread).
@@ -96,6 +107,10 @@ void can_inject_rx(Model& m, unsigned port, const std::vector<CanFrame>& frames)
 void can_force_bus_off(Model& m, unsigned port);
 // The port's next batch aborts after n frames have reached the bus.
 void can_abort_next_batch(Model& m, unsigned port, int n);
+
+// A frame another node put on the bus, received by the port (caller holds sim_mutex()):
+// stamped with the current time and filtered like any other.
+void can_deliver(Model& m, unsigned port, CanFrame f);
 
 void install_can(Model& m);
 

@@ -1,11 +1,11 @@
 // Every family's part of the firmware model, installed on each new adapter.
-#include "sim/model.hpp"
-
 #include "sim/can_bus.hpp"
 #include "sim/device_services.hpp"
 #include "sim/i2c_bus.hpp"
 #include "sim/lin_bus.hpp"
 #include "sim/spi_bus.hpp"
+#include "sim/model.hpp"
+#include "sim/uds_server.hpp"
 
 namespace veltrix::sim {
 
@@ -15,6 +15,7 @@ void install_families(Model& m) {
   install_can(m);
   install_i2c(m);
   install_spi(m);
+  install_uds_server(m);
 }
 
 }  // namespace veltrix::sim

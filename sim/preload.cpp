@@ -1,15 +1,18 @@
 // Loaded into any program started by veltrix-sim: builds the virtual adapters before main
 // runs. VELTRIX_SIM_ADAPTERS lists them as SERIAL[@PORTPATH][:full] separated by commas
-// (serial in hex).
+// (serial in hex). VELTRIX_SIM_ECU=1 puts the diagnostic ECU (requests on 7E0, answers on
+// 7E8) on every adapter's CAN bus.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <sstream>
 #include <string>
 
 #include "device/wire.hpp"
 #include "sim/testbed.hpp"
+#include "sim/uds_server.hpp"
 
 namespace {
 
@@ -37,7 +40,12 @@ __attribute__((constructor)) void veltrix_sim_start() {
         std::fprintf(stderr, "veltrix-sim: bad serial '%s'\n", item.c_str());
         std::exit(2);
       }
-      veltrix::sim::Testbed::instance().add_adapter(id, port);
+      auto model = veltrix::sim::Testbed::instance().add_adapter(id, port);
+      const char* ecu = std::getenv("VELTRIX_SIM_ECU");
+      if (model && ecu != nullptr && std::string(ecu) == "1") {
+        std::scoped_lock g(veltrix::sim::sim_mutex());
+        veltrix::sim::uds_server(*model).enabled = true;
+      }
     }
   } catch (const std::exception& e) {
     std::fprintf(stderr, "veltrix-sim: %s\n", e.what());

@@ -98,6 +98,15 @@ class LIN_CONFIG(ctypes.Structure):
     _fields_ = [("BaudRate", ctypes.c_uint), ("Flags", _u8), ("Mode", _u8)]
 
 
+class CAN_UDS_ADDR(ctypes.Structure):
+    _fields_ = [("RequestID", _u32), ("ResponseID", _u32), ("IdFlags", _u8),
+                ("ExtAddressing", _u8), ("AddressExtension", _u8), ("FrameLength", _u8)]
+
+
+class UDS_FC(ctypes.Structure):
+    _fields_ = [(n, _u8) for n in ("FlowStatusPci", "BlockSize", "STmin")]
+
+
 class LIN_UDS_ADDR(ctypes.Structure):
     _fields_ = [(n, _u8) for n in ("ReqID", "ResID", "NAD", "CheckType", "STmin")]
 

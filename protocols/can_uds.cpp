@@ -1,0 +1,219 @@
+// ISO-TP requests and responses on a classic CAN port, sent through CAN_SendMsg and read
+// from the port's ISO-TP queue.
+#include "protocols/can_uds.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "can/can_state.hpp"
+#include "device/abi.hpp"
+#include "protocols/isotp_clock.hpp"
+#include "protocols/isotp_frames.hpp"
+#include "protocols/isotp_reassembler.hpp"
+
+namespace veltrix::isotp {
+namespace {
+
+constexpr uint32_t kId29 = 0x1FFFFFFF;
+
+uint64_t now_us() { return active_clock.now_us(); }
+bool expired(uint64_t start_us, uint32_t timeout_ms) {
+  return now_us() - start_us >= uint64_t(timeout_ms) * 1000;
+}
+
+// Sent frames go into the application's receive stream, marked as ours and with the port.
+void echo(uint32_t h, uint8_t port, std::span<CAN_MSG> frames) {
+  for (CAN_MSG& m : frames) m.FrameFlags |= uint8_t(CAN_MSG_FLAG_TX | can::port_bits(port));
+  CAN_SetCANMsgToBuffer(h, port, frames.data(), int(frames.size()));
+}
+
+// The CAN family answers with the count it sent: all of it is success, a negative count
+// an error of the adapter or its link, 0 a full transmit queue worth retrying, anything
+// between a batch cut short.
+enum class Sent { All, Partial, Nothing, Error };
+Sent classify(int r, size_t count) {
+  if (r < 0) return Sent::Error;
+  if (r == 0) return Sent::Nothing;
+  return size_t(r) >= count ? Sent::All : Sent::Partial;
+}
+
+int send_frames(uint32_t h, uint8_t port, std::span<CAN_MSG> frames) {
+  const uint64_t start = now_us();
+  for (;;) {
+    switch (classify(CAN_SendMsg(h, port, frames.data(), uint32_t(frames.size())), frames.size())) {
+      case Sent::All:
+        echo(h, port, frames);
+        return CAN_UDS_OK;
+      case Sent::Partial:
+        return CAN_UDS_OK;
+      case Sent::Error:
+        return CAN_UDS_ERR_SEND;
+      case Sent::Nothing:
+        break;
+    }
+    active_clock.sleep_us(kSendRetryPauseUs);
+    if (now_us() - start >= kSendBudgetUs) return CAN_UDS_ERR_SEND_TIMEOUT;
+  }
+}
+
+// The frame length a classic port can carry: its records hold 8 bytes, so a longer
+// planned length would cut every frame short.
+CAN_UDS_ADDR link_addr(CAN_UDS_ADDR* addr) {
+  addr->FrameLength = normalise_length(addr->FrameLength);
+  CAN_UDS_ADDR a = *addr;
+  a.FrameLength = kClassicLength;
+  return a;
+}
+
+int send_frame(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, const FrameBytes& f) {
+  return CAN_UDS_SendMsg(h, port, a, f.data, f.size);
+}
+
+}  // namespace
+
+int CAN_UDS_SendMsg(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, const uint8_t* bytes,
+                    int count) {
+  CAN_MSG m;
+  CAN_UDS_FillCANMsg(m, a.RequestID, a, bytes, count);
+  return send_frames(h, port, {&m, 1});
+}
+
+int CAN_UDS_SendCANMsg(uint32_t h, uint8_t port, std::span<CAN_MSG> frames) {
+  if (frames.empty()) return CAN_UDS_OK;
+  return send_frames(h, port, frames);
+}
+
+int CAN_UDS_GetMsg(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, uint8_t* out) {
+  const int least = a.ExtAddressing ? 2 : 1;
+  for (int i = 0; i < kDiscardPerRead; ++i) {
+    CAN_MSG m{};
+    if (CAN_GetCANMsgFromUDSBuffer(h, port, &m, 1) != 1) return 0;
+    if ((m.ID & kId29) != (a.ResponseID & kId29) || (m.ExtFlag & 1) != (a.IdFlags & 1)) continue;
+    const int n = std::min<int>(m.DataLen, 8);
+    if (n < least) continue;
+    std::memcpy(out, m.Data, size_t(n));
+    return n;
+  }
+  return 0;
+}
+
+int CAN_UDS_WaitFC(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, UDS_FC* fc,
+                   uint32_t timeout_ms) {
+  const uint64_t start = now_us();
+  const int at = a.ExtAddressing ? 1 : 0;
+  const int least = a.ExtAddressing ? 4 : 3;
+  for (;;) {
+    uint8_t f[kMaxLength] = {};
+    const int n = CAN_UDS_GetMsg(h, port, a, f);
+    if (n == 0) active_clock.sleep_us(kIdlePauseUs);
+    if (n >= least) {
+      const uint8_t pci = f[at];
+      fc->FlowStatusPci = uint8_t(pci << 4 | pci >> 4);
+      fc->BlockSize = f[at + 1];
+      fc->STmin = f[at + 2];
+      if (pci >> 4 == kFlowControl) {
+        if ((pci & 0x0F) == kContinue) return CAN_UDS_OK;
+        if ((pci & 0x0F) == kOverflow) return CAN_UDS_ERR_OVERFLOW;
+        // kWait: the receiver asks for patience; the time-out still counts from the start.
+      }
+    }
+    if (expired(start, timeout_ms)) return CAN_UDS_ERR_TIMEOUT;
+  }
+}
+
+int request(uint32_t h, uint8_t port, CAN_UDS_ADDR* addr, const uint8_t* data, int len) {
+  if (addr == nullptr || (len > 0 && data == nullptr)) return CAN_UDS_ERR_SEND;
+  if (can::is_canfd_model(h)) return CAN_UDS_ERR_SEND;
+  const CAN_UDS_ADDR a = link_addr(addr);
+  const FramePlan p = plan(a.FrameLength, a.ExtAddressing != 0);
+  const uint32_t total = len > 0 ? uint32_t(len) : 0;
+
+  CAN_ClearCANMsgFromUDSBuffer(h, port);
+  Segmenter message(p, a.AddressExtension, data, total);
+  int r = send_frame(h, port, a, message.next());
+  if (r != CAN_UDS_OK || message.done()) return r;
+
+  UDS_FC fc{};
+  if ((r = CAN_UDS_WaitFC(h, port, a, &fc, kFlowControlTimeoutMs)) != CAN_UDS_OK) return r;
+  std::vector<CAN_MSG> batch;
+  batch.reserve(kBatchFrames);
+  uint32_t in_block = 0;
+  while (!message.done()) {
+    const FrameBytes f = message.next();
+    if (const uint32_t pause_ms = stmin_ms(fc.STmin); pause_ms > 0) {
+      if ((r = send_frame(h, port, a, f)) != CAN_UDS_OK) return r;
+      active_clock.sleep_us(pause_ms * 1000);
+    } else {
+      CAN_UDS_FillCANMsg(batch.emplace_back(), a.RequestID, a, f.data, f.size);
+      if (batch.size() == kBatchFrames) {
+        if ((r = CAN_UDS_SendCANMsg(h, port, batch)) != CAN_UDS_OK) return r;
+        batch.clear();
+      }
+    }
+    if (fc.BlockSize != 0 && ++in_block == fc.BlockSize && !message.done()) {
+      if ((r = CAN_UDS_SendCANMsg(h, port, batch)) != CAN_UDS_OK) return r;
+      batch.clear();
+      if ((r = CAN_UDS_WaitFC(h, port, a, &fc, kFlowControlTimeoutMs)) != CAN_UDS_OK) return r;
+      in_block = 0;
+    }
+  }
+  return CAN_UDS_SendCANMsg(h, port, batch);
+}
+
+int response(uint32_t h, uint8_t port, CAN_UDS_ADDR* addr, uint8_t* out, size_t capacity,
+             bool bounded, uint32_t timeout_ms) {
+  if (addr == nullptr || (out == nullptr && capacity > 0)) return CAN_UDS_ERR_SEND;
+  if (can::is_canfd_model(h)) return CAN_UDS_ERR_SEND;
+  const CAN_UDS_ADDR a = link_addr(addr);
+  const FramePlan p = plan(a.FrameLength, a.ExtAddressing != 0);
+  const uint64_t start = now_us();
+  Reassembler message(p, out, capacity);
+  for (;;) {
+    uint8_t f[kMaxLength] = {};
+    const int n = CAN_UDS_GetMsg(h, port, a, f);
+    if (n == 0) active_clock.sleep_us(kIdlePauseUs);
+    switch (n == 0 ? Reassembler::Step::More : message.feed(f, n)) {
+      case Reassembler::Step::More:
+        break;
+      case Reassembler::Step::FlowControl:
+        if (int r = send_frame(h, port, a, flow_control(p, a.AddressExtension)); r != CAN_UDS_OK)
+          return r;
+        break;
+      case Reassembler::Step::Done:
+        return bounded && message.length() > capacity ? CAN_UDS_ERR_BUFFER : int(message.length());
+      case Reassembler::Step::Error:
+        return message.error();
+    }
+    if (expired(start, timeout_ms)) return CAN_UDS_ERR_TIMEOUT;
+  }
+}
+
+}  // namespace veltrix::isotp
+
+using namespace veltrix;
+
+extern "C" {
+
+VELTRIX_EXPORT(int, CAN_UDS_Request,
+               (unsigned int h, unsigned char port, CAN_UDS_ADDR* addr, const unsigned char* data,
+                int len),
+               CAN_UDS_ERR_SEND, { return isotp::request(h, port, addr, data, len); })
+
+VELTRIX_EXPORT(int, CAN_UDS_Response,
+               (unsigned int h, unsigned char port, CAN_UDS_ADDR* addr, unsigned char* data,
+                unsigned int timeout_ms),
+               CAN_UDS_ERR_SEND, {
+                 if (data == nullptr) return CAN_UDS_ERR_SEND;
+                 // The caller vouches for the room; nothing here can know it.
+                 return isotp::response(h, port, addr, data, data ? SIZE_MAX : 0, false,
+                                        timeout_ms);
+               })
+
+VELTRIX_EXPORT(int, CAN_UDS_ResponseWithSize,
+               (unsigned int h, unsigned char port, CAN_UDS_ADDR* addr, unsigned char* data,
+                unsigned int size, unsigned int timeout_ms),
+               CAN_UDS_ERR_SEND,
+               { return isotp::response(h, port, addr, data, size, true, timeout_ms); })
+
+}  // extern "C"
