@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "device/wire.hpp"
+#include "sim/canfd_bus.hpp"
 #include "sim/device_services.hpp"
+#include "sim/schedule_runner.hpp"
 
 namespace veltrix::sim {
 namespace {
@@ -87,6 +89,25 @@ void receive(CanPortModel& p, const CanFrame& f) {
 
 bool port_ok(const Command& c, size_t at) { return c.payload.size() > at && c.payload[at] < kCanPorts; }
 
+// One frame from port `from` onto the cable, to the other port's classic controller or,
+// on the CAN FD models, its CAN FD controller. False when nobody acknowledged it.
+bool reaches_peer(Model& m, CanBusState& bus, unsigned from, CanFrame& f) {
+  CanPortModel& tx = bus.ports[from];
+  if (!bus.cable || tx.bit_rate == 0) return false;
+  CanPortModel& peer = bus.ports[from ^ 1];
+  f.time = now_100us(m);
+  if (peer.running && peer.bit_rate == tx.bit_rate) {
+    if (accepts(peer, f)) receive(peer, f);
+  } else if (!canfd_offer_classic(m, from ^ 1, f, tx.bit_rate)) {
+    return false;
+  }
+  if (tx.tec) --tx.tec;
+  tx.last_error = 0;
+  tx.sent.push_back(f);
+  if (tx.sent.size() > kSentLog) tx.sent.pop_front();
+  return true;
+}
+
 // Puts a batch on the bus from port `from`.
 void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> frames) {
   CanPortModel& tx = bus.ports[from];
@@ -99,14 +120,13 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.bus_off = false;
     tx.tec = tx.rec = 0;
   }
-  CanPortModel* peer = bus.cable ? &bus.ports[from ^ 1] : nullptr;
   for (CanFrame& f : frames) {
     if (abort_after >= 0 && tx.delivered >= uint32_t(abort_after)) {
       tx.aborted = true;
       return;
     }
     if (tx.bus_off) return;  // stays queued
-    if (!peer || !peer->running || peer->bit_rate != tx.bit_rate || tx.bit_rate == 0) {
+    if (!reaches_peer(m, bus, from, f)) {
       // Nobody acknowledges: an error passive transmitter's counter no longer grows.
       tx.last_error = kLecAck;
       if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
@@ -115,13 +135,7 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
       tx.aborted = tx.no_auto_retransmit;
       return;
     }
-    f.time = now_100us(m);
-    if (tx.tec) --tx.tec;
-    tx.last_error = 0;
-    tx.sent.push_back(f);
-    if (tx.sent.size() > kSentLog) tx.sent.pop_front();
     ++tx.delivered;
-    if (accepts(*peer, f)) receive(*peer, f);
   }
 }
 
@@ -193,6 +207,7 @@ std::optional<Reply> on_send_sync(Model& m, const Command& c) {
 
 std::optional<Reply> on_read(Model& m, const Command& c) {
   if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
+  run_schedules(m);
   CanPortModel& port = can_bus(m).ports[c.payload[0]];
   const size_t n = std::min(port.rx.size(), kReadBatchMax);
   Bytes out(n * kRecord);
@@ -259,6 +274,29 @@ void can_force_bus_off(Model& m, unsigned port) {
 void can_abort_next_batch(Model& m, unsigned port, int n) {
   std::scoped_lock g(sim_mutex());
   can_bus(m).ports.at(port).abort_after = n;
+}
+
+CanFrame can_decode_record(const uint8_t* p) { return decode(p); }
+
+ClassicOffer can_offer_from_fd(Model& m, unsigned port, const CanFrame& f, bool fd_format,
+                               uint32_t rate) {
+  if (port >= kCanPorts) return ClassicOffer::NotThere;
+  CanPortModel& p = can_bus(m).ports[port];
+  if (!p.running || p.bit_rate != rate || rate == 0) return ClassicOffer::NotThere;
+  if (fd_format) {
+    // A classic controller cannot follow the FD frame format: it flags a form error.
+    p.last_error = 2;
+    if (p.rec < kErrorPassive - 1) ++p.rec;
+    return ClassicOffer::FormError;
+  }
+  if (accepts(p, f)) receive(p, f);
+  return ClassicOffer::Taken;
+}
+
+bool can_put_on_bus(Model& m, unsigned from, CanFrame f) {
+  CanBusState& bus = can_bus(m);
+  if (from >= kCanPorts || !bus.ports[from].running || bus.ports[from].bus_off) return false;
+  return reaches_peer(m, bus, from, f);
 }
 
 void install_can(Model& m) {

@@ -1,9 +1,10 @@
 // Every family's part of the firmware model, installed on each new adapter.
-#include "sim/model.hpp"
-
 #include "sim/can_bus.hpp"
+#include "sim/canfd_bus.hpp"
 #include "sim/device_services.hpp"
 #include "sim/lin_bus.hpp"
+#include "sim/model.hpp"
+#include "sim/schedule_runner.hpp"
 
 namespace veltrix::sim {
 
@@ -11,6 +12,8 @@ void install_families(Model& m) {
   install_device_services(m);
   install_lin(m);
   install_can(m);
+  install_canfd(m);
+  install_schedules(m);
 }
 
 }  // namespace veltrix::sim
