@@ -69,8 +69,11 @@ inline uint32_t decode_id_word(uint32_t w, uint8_t b4) {
 
 // Writes the element of m into out (room for kElementMax bytes); returns its size. The
 // data length is the CAN FD length that holds m.DLC bytes; bytes beyond 64 do not exist,
-// so a DLC above 64 sends 64. batch_index goes into byte 5 on transmission.
-inline size_t encode_element(const CANFD_MSG& m, uint8_t batch_index, uint8_t* out) {
+// so a DLC above 64 sends 64. batch_index goes into byte 5 on transmission. A frame to
+// send carries no time (the adapter stamps it on the bus); a schedule frame carries its
+// timing value in the time fields (with_time).
+inline size_t encode_element(const CANFD_MSG& m, uint8_t batch_index, bool with_time,
+                             uint8_t* out) {
   const uint8_t code = bytes_to_dlc(m.DLC);
   const uint8_t len = dlc_to_bytes(code);
   uint8_t b4 = code;
@@ -81,9 +84,9 @@ inline size_t encode_element(const CANFD_MSG& m, uint8_t batch_index, uint8_t* o
   wire::put_le32(out, encode_id_word(m.ID));
   out[4] = b4;
   out[5] = uint8_t(((m.Flags & CANFD_MSG_FLAG_ESI) ? kB5Esi : 0) | uint8_t(batch_index << 1));
-  out[6] = m.TimeStampHigh;
+  out[6] = with_time ? m.TimeStampHigh : 0;
   out[7] = 0;
-  wire::put_le32(out + 8, m.TimeStamp);
+  wire::put_le32(out + 8, with_time ? m.TimeStamp : 0);
   std::memcpy(out + kElementHeader, m.Data, len);
   return kElementHeader + len;
 }

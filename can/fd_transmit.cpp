@@ -84,7 +84,7 @@ std::vector<uint8_t> build_send_payload(uint8_t port, std::span<CANFD_MSG> chunk
   uint8_t element[kElementMax];
   for (size_t i = 0; i < chunk.size(); ++i) {
     apply_brs_rule(chunk[i]);
-    p.bytes(element, encode_element(chunk[i], uint8_t(i), element));
+    p.bytes(element, encode_element(chunk[i], uint8_t(i), false, element));
   }
   return std::move(p.vec());
 }

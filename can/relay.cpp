@@ -44,7 +44,7 @@ int set_relay(uint32_t h, uint8_t mode, uint32_t cmd) {
   ExchangeResult r = exchange(h, {.cmd = cmd, .payload = payload, .reply = echo});
   if (!r.ok()) return map_result(r);
   // The adapter confirms by echoing the mode it switched to.
-  return r.copied == 1 && echo[0] == mode ? CAN_SUCCESS : CAN_ERR_USB_READ_FAIL;
+  return r.reply_len == 1 && echo[0] == mode ? CAN_SUCCESS : CAN_ERR_USB_READ_FAIL;
 }
 
 int set_data(uint32_t h, const CAN_RELAY_CONFIG* config, const CAN_RELAY_RULE* rules) {

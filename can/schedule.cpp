@@ -77,7 +77,7 @@ int set_fd(uint32_t h, uint8_t port, const CANFD_MSG* frames, const uint8_t* cou
   std::vector<uint8_t> bytes(n * kElementMax);
   size_t at = 0;
   // A schedule frame's time fields carry its timing value for the adapter.
-  for (size_t i = 0; i < n; ++i) at += encode_element(frames[i], 0, bytes.data() + at);
+  for (size_t i = 0; i < n; ++i) at += encode_element(frames[i], 0, true, bytes.data() + at);
   bytes.resize(at);
   return load(h, port, bytes, counts, params, tables, kFd);
 }
