@@ -138,6 +138,8 @@ int fd_stop_get_port(uint32_t h, uint8_t port_arg) {
   return CANFD_SUCCESS;
 }
 
+namespace {
+
 // Moves up to `capacity` frames of one queue of the port, polling once first when the
 // thread does not poll the port. Returns the count, or the poll's code when poll_errors.
 int take(uint32_t h, unsigned port, CANFD_MSG* out, int capacity, bool uds, bool poll_errors) {
@@ -154,6 +156,8 @@ int take(uint32_t h, unsigned port, CANFD_MSG* out, int capacity, bool uds, bool
   ChannelLock g(LockFamily::CanData, h, int(port));
   return int((uds ? ps->uds : ps->rx).drain({out, size_t(capacity)}));
 }
+
+}  // namespace
 
 int fd_get_msgs(uint32_t h, uint8_t port, CANFD_MSG* out, int capacity) {
   return take(h, port, out, capacity, false, true);

@@ -260,8 +260,18 @@ uint32_t can_clock_hz(const Model& m) {
 
 void can_inject_rx(Model& m, unsigned port, const std::vector<CanFrame>& frames) {
   std::scoped_lock g(sim_mutex());
-  CanPortModel& p = can_bus(m).ports.at(port);
-  for (const CanFrame& f : frames) receive(p, f);
+  CanBusState& bus = can_bus(m);
+  CanPortModel& p = bus.ports.at(port);
+  CanPortModel& other = bus.ports[port ^ 1];
+  // With the cable unplugged the ports sit on two buses; the relay carries frames over.
+  const bool relay = !bus.cable && relay_forwards(m, port) && other.running;
+  for (const CanFrame& f : frames) {
+    receive(p, f);
+    if (relay) {
+      other.sent.push_back(f);
+      if (other.sent.size() > kSentLog) other.sent.pop_front();
+    }
+  }
 }
 
 void can_force_bus_off(Model& m, unsigned port) {

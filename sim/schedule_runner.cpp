@@ -137,6 +137,10 @@ void install_kind(Model& m, const Kind& k) {
 
 ScheduleState& schedules(Model& m) { return m.state<ScheduleState>(); }
 
+bool relay_forwards(Model& m, unsigned port) {
+  return port < kCanPorts && (schedules(m).relay_mode >> port) & 1;
+}
+
 void run_schedules(Model& m) {
   ScheduleState& st = schedules(m);
   const uint64_t now = device_services(m).clock_us();

@@ -9,8 +9,9 @@
 // Time is not simulated in the background: the runner catches up with the clock whenever
 // the adapter is asked for received frames, putting on the bus every frame that has come
 // due since (at most kScheduleBurst per frame per catch-up).
-// The relay mode is stored and echoed; it has no further effect on the model's cable,
-// which already joins the two ports.
+// Relay mode of the model: bit 0 relays what port 0 receives onto port 1's bus, bit 1 the
+// other way. It acts only while the cable is unplugged (the ports then sit on two
+// buses); frames come in through can_inject_rx and go out into the other port's sent log.
 #pragma once
 
 #include <array>
@@ -54,6 +55,9 @@ struct ScheduleState {
 
 // The adapter's schedule state (take sim_mutex() from a test thread).
 ScheduleState& schedules(Model& m);
+
+// Whether the relay carries frames received on `port` to the other port (sim_mutex() held).
+bool relay_forwards(Model& m, unsigned port);
 
 // Puts every frame that has come due on the bus (sim_mutex() held).
 void run_schedules(Model& m);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -116,7 +117,11 @@ INSTANTIATE_TEST_SUITE_P(
                       // Classic clocks: the data phase stays as the caller had it.
                       SpeedCase{0x41000001, 1000000, 1, 0, {2, 15, 5, 2}, {0xAB, 0xAB, 0xAB, 0xAB}},
                       SpeedCase{
-                          0x31000001, 5000, 1, 0, {1, 16, 3, 0xE8}, {0xAB, 0xAB, 0xAB, 0xAB}}));
+                          0x31000001, 5000, 1, 0, {1, 16, 3, 0xE8}, {0xAB, 0xAB, 0xAB, 0xAB}}),
+    [](const ::testing::TestParamInfo<SpeedCase>& i) {
+      return "Model" + std::to_string(i.param.handle >> 24) + "_" +
+             std::to_string(i.param.nominal) + "_" + std::to_string(i.param.data);
+    });
 
 TEST_F(CanFdConfig, InitSendsTheRecordVerbatim) {
   auto m = plug_and_open(kFd);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -118,7 +119,12 @@ INSTANTIATE_TEST_SUITE_P(Cases, CanFdAbort,
                                            // nothing sent: no events asked for
                                            AbortCase{0, 0, 0, 1, 0},
                                            // a later batch: the total so far plus its own
-                                           AbortCase{1, 5, 133, 2, 2}, AbortCase{1, 0, 128, 2, 1}));
+                                           AbortCase{1, 5, 133, 2, 2}, AbortCase{1, 0, 128, 2, 1}),
+                         [](const ::testing::TestParamInfo<AbortCase>& i) {
+                           return "Skip" + std::to_string(i.param.skip_batches) + "After" +
+                                  (i.param.abort_after < 0 ? std::string("Never")
+                                                           : std::to_string(i.param.abort_after));
+                         });
 
 TEST_F(CanFdSend, DroppedEventsCountNothing) {
   auto m = open_fd(kFd);

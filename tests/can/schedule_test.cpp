@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <numeric>
+#include <string>
 #include <vector>
 
 #include "sim/device_services.hpp"
@@ -97,7 +98,13 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ScheduleSize,
                              // 511 frames in 6 tables: 10240 bytes
                              std::make_pair(std::vector<uint8_t>{255, 255, 1, 0, 0, 0}, true),
                              // 512 frames in 3 tables: 10251 bytes
-                             std::make_pair(std::vector<uint8_t>{255, 255, 2}, true)));
+                             std::make_pair(std::vector<uint8_t>{255, 255, 2}, true)),
+                         [](const auto& i) {
+                           const auto& c = i.param.first;
+                           return "Frames" +
+                                  std::to_string(std::accumulate(c.begin(), c.end(), 0)) +
+                                  "Tables" + std::to_string(c.size());
+                         });
 
 TEST_F(CanSchedule, CommandPayloadBytes) {
   auto m = open_both(kClassic);
@@ -257,6 +264,23 @@ TEST_F(CanRelay, ModeIsEchoed) {
   EXPECT_TRUE(payloads(*fd, 0x0C07).empty());
 }
 
+TEST_F(CanRelay, ModeCarriesFramesBetweenSeparateBuses) {
+  auto m = open_both(kClassic);
+  with_bus(*m, [](sim::CanBusState& b) { b.cable = false; });
+  auto sent_on_1 = [&] {
+    return with_bus(*m, [](sim::CanBusState& b) { return b.ports[1].sent.size(); });
+  };
+  ASSERT_EQ(CAN_SetRelay(kClassic, 2), 0);  // port 1 to port 0 only
+  sim::can_inject_rx(*m, 0, {sim_frame(0x10, 1)});
+  EXPECT_EQ(sent_on_1(), 0u);
+  ASSERT_EQ(CAN_SetRelay(kClassic, 1), 0);
+  sim::can_inject_rx(*m, 0, {sim_frame(0x11, 2), sim_frame(0x12, 3)});
+  ASSERT_EQ(sent_on_1(), 2u);
+  EXPECT_EQ(with_bus(*m, [](sim::CanBusState& b) { return b.ports[1].sent.back().id; }), 0x12u);
+  std::vector<CAN_MSG> rx(CAN_READ_MSG_MAX);
+  EXPECT_EQ(CAN_ReadMsg(kClassic, 0, rx.data()), 3);  // port 0 received them all the same
+}
+
 CAN_RELAY_CONFIG relay_config(uint32_t rules) {
   CAN_RELAY_CONFIG c{};
   for (uint32_t i = 0; i < 11; ++i) c.Words[i] = 0x01010101u * (i + 1);
@@ -295,7 +319,8 @@ TEST_P(RelayData, RoundTripOnBothModels) {
   EXPECT_EQ(CAN_SetRelayData(h, &two, rules.data()), CAN_ERR_USB_READ_FAIL);
 }
 
-INSTANTIATE_TEST_SUITE_P(Models, RelayData, ::testing::Values(kClassic, kFd));
+INSTANTIATE_TEST_SUITE_P(Models, RelayData, ::testing::Values(kClassic, kFd),
+                         [](const auto& i) { return i.param == kFd ? "CanFd" : "Classic"; });
 
 TEST_F(CanRelay, ErasedAreaLeavesOutputsUntouched) {
   auto m = plug_and_open(kFd);
