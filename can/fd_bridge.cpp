@@ -14,10 +14,12 @@
 namespace veltrix::can {
 namespace {
 
-std::atomic<const CanFdFamily*> g_family{nullptr};
+std::atomic<const CanFdFamily*> g_family{&kCanFdFamily};
 
 const CanFdFamily* family() { return g_family.load(std::memory_order_acquire); }
 
+// Never reached while the family's own table is in place; kept so a stand-in may leave
+// the table out.
 constexpr int kNoFamily = CAN_ERR_USB_WRITE_FAIL;
 constexpr uint32_t kNominalClockHz = 40000000;
 constexpr uint64_t kTimeMask = 0xFFFFFFFFFFull;  // frame times are 40 bits wide
@@ -29,7 +31,9 @@ uint32_t fd_filter_word(uint32_t id, uint32_t ide, uint32_t rtr) {
 
 }  // namespace
 
-void set_canfd_family(const CanFdFamily* f) { g_family.store(f, std::memory_order_release); }
+void set_canfd_family(const CanFdFamily* f) {
+  g_family.store(f ? f : &kCanFdFamily, std::memory_order_release);
+}
 
 int fd_init(uint32_t h, uint8_t port, const CAN_CHANNEL_CONFIG& c) {
   const CanFdFamily* f = family();

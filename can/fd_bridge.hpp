@@ -1,8 +1,7 @@
 // The seam between the classic CAN calls and the CAN FD family. On the CAN FD model
 // (handle top byte 0x53 or 0x54) every CAN_ operation converts its records and calls the
-// CAN FD family's counterpart through this table, which the CAN FD family installs when
-// it is linked in. Until it is installed the diverted calls answer
-// CAN_ERR_USB_WRITE_FAIL: nothing can be sent to such an adapter.
+// CAN FD family's counterpart through this table. The table is the CAN FD family's own
+// unless a test installs a stand-in.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,10 @@ struct CanFdFamily {
   int (*stop)(uint32_t handle, uint8_t port);
 };
 
-// Installs (or, with null, removes) the CAN FD family's entry points.
+// The CAN FD family's own entry points.
+extern const CanFdFamily kCanFdFamily;
+
+// Installs a stand-in for the CAN FD family; null puts the family's own table back.
 void set_canfd_family(const CanFdFamily* family);
 
 // The diverted operations; each returns the CAN FD family's result as it comes.

@@ -3,6 +3,8 @@
 // 666667. Row 19 of the 100 MHz table (80000) has Seg1 1 and Seg2 3 on purpose.
 #include "can/timing_tables.hpp"
 
+#include "veltrix/canfd.h"
+
 extern "C" {
 
 // 100 MHz controllers.
@@ -92,6 +94,19 @@ const CAN_TIMING_ENTRY CAN_BRT_MIRADEL_NBT[17] = {
     {2, 248, 84, 6, 20000},
     {2, 183, 66, 16, 10000},
     {0, 0, 0, 0, 0},
+};
+
+// Data phase of the CAN FD controllers (40 MHz): the same clock, so rates up to 10 Mbit/s
+// need a prescaler of 1 and short segments.
+const CAN_TIMING_ENTRY CAN_BRT_MIRADEL_DBT[23] = {
+    {1, 2, 1, 1, 10000000},  {1, 3, 1, 1, 8000000},  {1, 4, 1, 1, 6700000},
+    {2, 5, 2, 1, 5000000},   {2, 7, 2, 1, 4000000},  {2, 9, 3, 1, 3000000},
+    {2, 14, 5, 1, 2000000},  {2, 19, 6, 1, 1500000}, {2, 29, 10, 1, 1000000},
+    {2, 18, 6, 2, 800000},   {2, 14, 5, 3, 666000},  {2, 29, 10, 2, 500000},
+    {2, 14, 5, 5, 400000},   {2, 13, 5, 7, 300000},  {2, 29, 10, 4, 250000},
+    {2, 29, 10, 5, 200000},  {2, 28, 9, 7, 150000},  {2, 29, 10, 8, 125000},
+    {2, 29, 10, 10, 100000}, {2, 29, 10, 20, 50000}, {2, 29, 10, 50, 20000},
+    {2, 29, 10, 100, 10000}, {0, 0, 0, 0, 0},
 };
 
 // The compatibility layer's tables. Two are the same objects as the tables above under

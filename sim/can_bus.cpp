@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "device/wire.hpp"
+#include "sim/canfd_bus.hpp"
 #include "sim/device_services.hpp"
+#include "sim/schedule_runner.hpp"
 
 namespace veltrix::sim {
 namespace {
@@ -87,6 +89,34 @@ void receive(CanPortModel& p, const CanFrame& f) {
 
 bool port_ok(const Command& c, size_t at) { return c.payload.size() > at && c.payload[at] < kCanPorts; }
 
+// One frame from port `from` onto the cable, to the other port's classic controller or,
+// on the CAN FD models, its CAN FD controller. False when nobody acknowledged it.
+bool reaches_peer(Model& m, CanBusState& bus, unsigned from, CanFrame& f) {
+  CanPortModel& tx = bus.ports[from];
+  if (tx.bit_rate == 0) return false;
+  f.time = now_100us(m);
+  bool acked = false;
+  if (bus.cable) {
+    CanPortModel& peer = bus.ports[from ^ 1];
+    if (peer.running && peer.bit_rate == tx.bit_rate) {
+      if (accepts(peer, f)) receive(peer, f);
+      acked = true;
+    } else {
+      acked = canfd_offer_classic(m, from ^ 1, f, tx.bit_rate);
+    }
+  }
+  // Other nodes on the bus (a diagnostic server) acknowledge while present and see every
+  // frame that was sent.
+  for (const CanNode& node : bus.nodes) acked = acked || node.present(m);
+  if (!acked) return false;
+  for (const CanNode& node : bus.nodes) node.on_frame(m, from, f);
+  if (tx.tec) --tx.tec;
+  tx.last_error = 0;
+  tx.sent.push_back(f);
+  if (tx.sent.size() > kSentLog) tx.sent.pop_front();
+  return true;
+}
+
 // Puts a batch on the bus from port `from`.
 void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> frames) {
   CanPortModel& tx = bus.ports[from];
@@ -99,17 +129,13 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     tx.bus_off = false;
     tx.tec = tx.rec = 0;
   }
-  CanPortModel* peer = bus.cable ? &bus.ports[from ^ 1] : nullptr;
-  const bool node_acks = std::any_of(bus.nodes.begin(), bus.nodes.end(),
-                                     [&](const CanNode& n) { return n.present(m); });
   for (CanFrame& f : frames) {
     if (abort_after >= 0 && tx.delivered >= uint32_t(abort_after)) {
       tx.aborted = true;
       return;
     }
     if (tx.bus_off) return;  // stays queued
-    const bool peer_acks = peer && peer->running && peer->bit_rate == tx.bit_rate;
-    if (tx.bit_rate == 0 || !(peer_acks || node_acks)) {
+    if (!reaches_peer(m, bus, from, f)) {
       // Nobody acknowledges: an error passive transmitter's counter no longer grows.
       tx.last_error = kLecAck;
       if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
@@ -118,14 +144,7 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
       tx.aborted = tx.no_auto_retransmit;
       return;
     }
-    f.time = now_100us(m);
-    if (tx.tec) --tx.tec;
-    tx.last_error = 0;
-    tx.sent.push_back(f);
-    if (tx.sent.size() > kSentLog) tx.sent.pop_front();
     ++tx.delivered;
-    if (peer_acks && accepts(*peer, f)) receive(*peer, f);
-    for (const CanNode& node : bus.nodes) node.on_frame(m, from, f);
   }
 }
 
@@ -197,6 +216,7 @@ std::optional<Reply> on_send_sync(Model& m, const Command& c) {
 
 std::optional<Reply> on_read(Model& m, const Command& c) {
   if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
+  run_schedules(m);
   CanPortModel& port = can_bus(m).ports[c.payload[0]];
   const size_t n = std::min(port.rx.size(), kReadBatchMax);
   Bytes out(n * kRecord);
@@ -249,8 +269,18 @@ uint32_t can_clock_hz(const Model& m) {
 
 void can_inject_rx(Model& m, unsigned port, const std::vector<CanFrame>& frames) {
   std::scoped_lock g(sim_mutex());
-  CanPortModel& p = can_bus(m).ports.at(port);
-  for (const CanFrame& f : frames) receive(p, f);
+  CanBusState& bus = can_bus(m);
+  CanPortModel& p = bus.ports.at(port);
+  CanPortModel& other = bus.ports[port ^ 1];
+  // With the cable unplugged the ports sit on two buses; the relay carries frames over.
+  const bool relay = !bus.cable && relay_forwards(m, port) && other.running;
+  for (const CanFrame& f : frames) {
+    receive(p, f);
+    if (relay) {
+      other.sent.push_back(f);
+      if (other.sent.size() > kSentLog) other.sent.pop_front();
+    }
+  }
 }
 
 void can_force_bus_off(Model& m, unsigned port) {
@@ -270,6 +300,29 @@ void can_deliver(Model& m, unsigned port, CanFrame f) {
   if (!p.running) return;
   f.time = now_100us(m);
   if (accepts(p, f)) receive(p, f);
+}
+
+CanFrame can_decode_record(const uint8_t* p) { return decode(p); }
+
+ClassicOffer can_offer_from_fd(Model& m, unsigned port, const CanFrame& f, bool fd_format,
+                               uint32_t rate) {
+  if (port >= kCanPorts) return ClassicOffer::NotThere;
+  CanPortModel& p = can_bus(m).ports[port];
+  if (!p.running || p.bit_rate != rate || rate == 0) return ClassicOffer::NotThere;
+  if (fd_format) {
+    // A classic controller cannot follow the FD frame format: it flags a form error.
+    p.last_error = 2;
+    if (p.rec < kErrorPassive - 1) ++p.rec;
+    return ClassicOffer::FormError;
+  }
+  if (accepts(p, f)) receive(p, f);
+  return ClassicOffer::Taken;
+}
+
+bool can_put_on_bus(Model& m, unsigned from, CanFrame f) {
+  CanBusState& bus = can_bus(m);
+  if (from >= kCanPorts || !bus.ports[from].running || bus.ports[from].bus_off) return false;
+  return reaches_peer(m, bus, from, f);
 }
 
 void install_can(Model& m) {

@@ -111,6 +111,18 @@ void can_abort_next_batch(Model& m, unsigned port, int n);
 // A frame another node put on the bus, received by the port (caller holds sim_mutex()):
 // stamped with the current time and filtered like any other.
 void can_deliver(Model& m, unsigned port, CanFrame f);
+// Used by the CAN FD controllers and the schedule runner (sim_mutex() held).
+// The frame of a 20-byte record (time not taken).
+CanFrame can_decode_record(const uint8_t* p);
+enum class ClassicOffer { NotThere, Taken, FormError };
+// Offers a frame sent by the adapter's CAN FD port at nominal rate `rate` to classic port
+// `port`: NotThere when that port is stopped or runs another rate; FormError for an
+// FD-format frame, which the classic port counts as a receive error.
+ClassicOffer can_offer_from_fd(Model& m, unsigned port, const CanFrame& f, bool fd_format,
+                               uint32_t rate);
+// Puts one frame on the bus from classic port `from` outside any batch; false when it
+// could not be sent.
+bool can_put_on_bus(Model& m, unsigned from, CanFrame f);
 
 void install_can(Model& m);
 

@@ -1,10 +1,12 @@
 // Every family's part of the firmware model, installed on each new adapter.
 #include "sim/can_bus.hpp"
+#include "sim/canfd_bus.hpp"
 #include "sim/device_services.hpp"
 #include "sim/i2c_bus.hpp"
 #include "sim/lin_bus.hpp"
-#include "sim/spi_bus.hpp"
 #include "sim/model.hpp"
+#include "sim/schedule_runner.hpp"
+#include "sim/spi_bus.hpp"
 #include "sim/uds_server.hpp"
 
 namespace veltrix::sim {
@@ -13,6 +15,8 @@ void install_families(Model& m) {
   install_device_services(m);
   install_lin(m);
   install_can(m);
+  install_canfd(m);
+  install_schedules(m);
   install_i2c(m);
   install_spi(m);
   install_uds_server(m);

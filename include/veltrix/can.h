@@ -292,6 +292,67 @@ VELTRIX_API int CAN_GetCANMsgFromUDSBuffer(unsigned int DevHandle, unsigned char
 /* Empties the port's ISO-TP queue. Returns 0. */
 VELTRIX_API int CAN_ClearCANMsgFromUDSBuffer(unsigned int DevHandle, unsigned char CANIndex);
 
+/* ---- Schedules and relay ---------------------------------------------------------- */
+/* On the CAN FD model (handle top byte 0x53 or 0x54) each of these calls does what its
+ * CANFD_ counterpart in veltrix/canfd.h does. */
+
+/* Loads TableCount schedule tables into the adapter for the port, replacing what it held.
+ * pMsg holds the frames of all tables back to back; table i takes pMsgNum[i] frames. In a
+ * schedule, a frame's TimeStamp (and TimeStampHigh) is its timing value for the adapter,
+ * sent as given. pParams holds two opaque bytes per table. A set whose command would be
+ * longer than 10239 bytes (20 per frame + 3 per table + 2) is written to the port's
+ * schedule flash instead (erased first; base 0x080C0000 for port 0, +0x20000 per port).
+ * The arrays may be NULL only when TableCount is 0; pMsg must hold the sum of pMsgNum.
+ * Returns 0, -1 (NULL), -2 (write failed or unknown adapter), -4 (refused or no reply,
+ * or a failed flash erase or write; a refusal also prints "res = S ret = R"). */
+VELTRIX_API int CAN_SetSchedule(unsigned int DevHandle, unsigned char CANIndex, CAN_MSG* pMsg,
+                                unsigned char* pMsgNum, unsigned char* pParams,
+                                unsigned char TableCount);
+
+/* Starts the port's stored tables; the three option bytes select and drive them as the
+ * adapter defines. Returns 0, -2, -4 (status byte not 0 or no reply). */
+VELTRIX_API int CAN_StartSchedule(unsigned int DevHandle, unsigned char CANIndex,
+                                  unsigned char Option1, unsigned char Option2,
+                                  unsigned char Option3);
+
+/* Stops the port's tables. Returns 0 when the adapter answered, -2, -4. */
+VELTRIX_API int CAN_StopSchedule(unsigned int DevHandle, unsigned char CANIndex);
+
+/* Sets the relay mode between the adapter's two ports. Returns 0 when the adapter echoes
+ * the mode, -4 when it answers another mode or nothing, -2. */
+VELTRIX_API int CAN_SetRelay(unsigned int DevHandle, unsigned char RelayMode);
+
+#define CAN_RELAY_RULES_MAX 64
+
+/* The relay configuration as the adapter defines it; opaque to the library except for
+ * RuleCount, the number of CAN_RELAY_RULE records that go with it. */
+typedef struct _CAN_RELAY_CONFIG {
+  uint32_t Words[11];
+  uint32_t RuleCount;
+} CAN_RELAY_CONFIG;
+VELTRIX_STATIC_ASSERT(sizeof(CAN_RELAY_CONFIG) == 48, "CAN_RELAY_CONFIG is 48 bytes");
+VELTRIX_STATIC_ASSERT(offsetof(CAN_RELAY_CONFIG, RuleCount) == 44, "CAN_RELAY_CONFIG.RuleCount");
+
+/* One relay rule, opaque to the library. */
+typedef struct _CAN_RELAY_RULE {
+  uint8_t Data[168];
+} CAN_RELAY_RULE;
+VELTRIX_STATIC_ASSERT(sizeof(CAN_RELAY_RULE) == 168, "CAN_RELAY_RULE is 168 bytes");
+
+/* Stores the relay configuration and its pConfig->RuleCount rules in the adapter's
+ * user-data area (erased first, then written and read back for comparison).
+ * pConfig: not NULL; pRules: not NULL when RuleCount is above 0. Returns 0, -1 (NULL, or
+ * RuleCount above CAN_RELAY_RULES_MAX; nothing sent), -4 (erase, write or read failed, or
+ * the read-back differs). */
+VELTRIX_API int CAN_SetRelayData(unsigned int DevHandle, CAN_RELAY_CONFIG* pConfig,
+                                 CAN_RELAY_RULE* pRules);
+
+/* Reads the stored relay configuration and rules. pRules: room for CAN_RELAY_RULES_MAX
+ * rules. When the area holds no rule set (erased, or fewer than one rule stored) returns
+ * 0 and leaves both records untouched. Returns 0, -1 (NULL), -4 (read failed). */
+VELTRIX_API int CAN_GetRelayData(unsigned int DevHandle, CAN_RELAY_CONFIG* pConfig,
+                                 CAN_RELAY_RULE* pRules);
+
 VELTRIX_EXTERN_C_END
 
 #endif

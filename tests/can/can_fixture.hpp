@@ -10,6 +10,7 @@
 #include "sim/can_bus.hpp"
 #include "tests/support/sim_fixture.hpp"
 #include "veltrix/can.h"
+#include "veltrix/canfd.h"
 
 namespace veltrix::test {
 
@@ -54,6 +55,27 @@ class CanTest : public SimTest {
     m->clear_record();
     return m;
   }
+
+  // Opens a CAN FD adapter and starts both CAN FD ports at the rates; clears the record.
+  std::shared_ptr<sim::Model> open_fd(uint32_t serial, int nominal = 500000, int data = 2000000) {
+    auto m = plug_and_open(serial);
+    CANFD_CHANNEL_CONFIG c{};
+    EXPECT_EQ(CANFD_GetCANSpeedArg(serial, &c, nominal, data), 0);
+    EXPECT_EQ(CANFD_Init(serial, 0, &c), 0);
+    EXPECT_EQ(CANFD_Init(serial, 1, &c), 0);
+    m->clear_record();
+    return m;
+  }
 };
+
+inline CANFD_MSG fd_frame(uint32_t id, uint8_t len, uint8_t flags = CANFD_MSG_FLAG_FDF,
+                          uint8_t seed = 0) {
+  CANFD_MSG m{};
+  m.ID = id;
+  m.DLC = len;
+  m.Flags = flags;
+  for (int i = 0; i < 64; ++i) m.Data[i] = uint8_t(seed + i);
+  return m;
+}
 
 }  // namespace veltrix::test
