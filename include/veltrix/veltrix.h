@@ -10,5 +10,9 @@
 #include "veltrix/ldf.h"
 #include "veltrix/lin.h"
 #include "veltrix/lin_uds.h"
+#include "veltrix/uart.h"
+#include "veltrix/gpio.h"
+#include "veltrix/pwm.h"
+#include "veltrix/adc.h"
 
 #endif
