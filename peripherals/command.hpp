@@ -23,9 +23,12 @@ inline constexpr int kSlots = 30;
 // grow finer read failures) are read failures too.
 inline int code_of(const ExchangeResult& r) {
   switch (r.code) {
-    case Transport::Ok: return kOk;
-    case Transport::WriteFailed: return kErrSend;
-    default: return kErrReply;
+    case Transport::Ok:
+      return kOk;
+    case Transport::WriteFailed:
+      return kErrSend;
+    default:
+      return kErrReply;
   }
 }
 
@@ -52,8 +55,8 @@ inline int ack(uint32_t handle, uint32_t cmd, std::span<const uint8_t> payload,
 inline int query(uint32_t handle, uint32_t cmd, std::span<const uint8_t> payload,
                  std::span<uint8_t> reply, int timeout_ms = kDefaultTimeoutMs) {
   if (slot_of(handle) < 0) return kErrParameter;
-  ExchangeResult r = exchange(
-      handle, {.cmd = cmd, .payload = payload, .reply = reply, .timeout_ms = timeout_ms});
+  ExchangeResult r =
+      exchange(handle, {.cmd = cmd, .payload = payload, .reply = reply, .timeout_ms = timeout_ms});
   int code = code_of(r);
   if (code != kOk) return code;
   if (int32_t(r.reply_len) <= 0) return 0;

@@ -34,8 +34,7 @@ VELTRIX_API int GPIO_SetInput(unsigned int DevHandle, unsigned int PinMask, unsi
 VELTRIX_API int GPIO_SetOutput(unsigned int DevHandle, unsigned int PinMask, unsigned char PuPd);
 /* Makes the pins open-drain outputs: a 0 pulls the line low, a 1 releases it to its pull
  * (or to whatever else drives it). Returns 0, -1, -2, -4. */
-VELTRIX_API int GPIO_SetOpenDrain(unsigned int DevHandle, unsigned int PinMask,
-                                  unsigned char PuPd);
+VELTRIX_API int GPIO_SetOpenDrain(unsigned int DevHandle, unsigned int PinMask, unsigned char PuPd);
 /* Sets the output level of the masked pins to the matching bits of PinValue. */
 VELTRIX_API int GPIO_Write(unsigned int DevHandle, unsigned int PinMask, unsigned int PinValue);
 /* Reads the levels of the masked pins into *pPinValue (bit n = pin n; unmasked bits 0).

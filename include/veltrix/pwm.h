@@ -135,12 +135,11 @@ VELTRIX_API int PWM2_Init(unsigned int DevHandle, unsigned char Channel, double 
 VELTRIX_API int PWM2_Start(unsigned int DevHandle, unsigned char Channel, unsigned int RunTimeUs);
 /* Pulse = round(period x DutyCycle / 100) with the period of the last PWM2_Init or
  * PWM2_SetFrequency of this channel (-6 if there was none). Returns 0, -1, -2, -4..-7. */
-VELTRIX_API int PWM2_SetDutyCycle(unsigned int DevHandle, unsigned char Channel,
-                                  double DutyCycle);
+VELTRIX_API int PWM2_SetDutyCycle(unsigned int DevHandle, unsigned char Channel, double DutyCycle);
 /* New frequency, keeping the duty cycle of the last PWM2_Init/SetDutyCycle (50 % if none).
  * pActualHz may be NULL. Returns 0, -1, -2, -4, -5, -6. */
-VELTRIX_API int PWM2_SetFrequency(unsigned int DevHandle, unsigned char Channel,
-                                  double FrequencyHz, double* pActualHz);
+VELTRIX_API int PWM2_SetFrequency(unsigned int DevHandle, unsigned char Channel, double FrequencyHz,
+                                  double* pActualHz);
 VELTRIX_API int PWM2_Stop(unsigned int DevHandle, unsigned char Channel);
 
 VELTRIX_EXTERN_C_END

@@ -62,8 +62,8 @@ void run_reader(Stream& s, uint32_t frame_bytes) {
   libusb_device_handle* dev = open_device(s.handle.load());
   libusb_transfer* t = buf && dev ? libusb_alloc_transfer(0) : nullptr;
   if (t) {
-    libusb_fill_bulk_transfer(t, dev, kStreamEndpoint, buf.get(), int(frame_bytes), on_complete,
-                              &s, 0);
+    libusb_fill_bulk_transfer(t, dev, kStreamEndpoint, buf.get(), int(frame_bytes), on_complete, &s,
+                              0);
     s.in_flight.store(true);
     if (libusb_submit_transfer(t) != 0) {
       s.in_flight.store(false);

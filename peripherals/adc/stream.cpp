@@ -32,8 +32,7 @@ int stop(uint32_t h) {
   if (!s.exit_requested.load()) {
     {
       AdapterLock adapter(h);
-      USBCtrlData(h, identity::kReqTypeVendorOut, kReqStopStream, 0, 0, nullptr, 0,
-                  kStopTimeoutMs);
+      USBCtrlData(h, identity::kReqTypeVendorOut, kReqStopStream, 0, 0, nullptr, 0, kStopTimeoutMs);
       s.exit_requested.store(true);
     }
     // The reader may be waiting up to two seconds for an event that no longer comes.
@@ -106,5 +105,5 @@ VELTRIX_EXPORT(int, ADC_StopContinueRead, (unsigned int h), ADC_SUCCESS, { retur
 VELTRIX_EXPORT(int, ADC_GetData, (unsigned int h, short* out, int max_samples), ADC_ERR_PARAMETER,
                { return get_data(h, out, max_samples); })
 
-VELTRIX_EXPORT(int, ADC_GetStreamState, (unsigned int h, unsigned int* dropped),
-               ADC_ERR_PARAMETER, { return stream_state(h, dropped); })
+VELTRIX_EXPORT(int, ADC_GetStreamState, (unsigned int h, unsigned int* dropped), ADC_ERR_PARAMETER,
+               { return stream_state(h, dropped); })

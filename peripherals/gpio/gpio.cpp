@@ -1,8 +1,11 @@
 // General-purpose pins: direction and pull, levels, and pulse trains.
+#include "veltrix/gpio.h"
+
+#include <cstdint>
+
 #include "device/abi.hpp"
 #include "device/wire.hpp"
 #include "peripherals/command.hpp"
-#include "veltrix/gpio.h"
 
 namespace veltrix::gpio {
 namespace {
@@ -35,8 +38,9 @@ int read(uint32_t h, uint32_t mask, unsigned int* out) {
 
 // The adapter answers after the last pulse: period (us) x count, plus the usual second.
 int send_pulses(uint32_t h, uint32_t mask, uint32_t width, uint32_t period, uint32_t count) {
-  // A period that leaves no low time would make one long pulse.
-  if (period <= width) period = width + 1;
+  // A period that leaves no low time would make one long pulse. The widest pulse has no
+  // longer period to go to.
+  if (period <= width) period = width == UINT32_MAX ? width : width + 1;
   wire::PayloadBuilder b(16);
   b.be32(mask).be32(width).be32(period).be32(count);
   return periph::ack(h, kCmdSendPulses, b.span(),

@@ -98,8 +98,7 @@ VELTRIX_EXPORT(unsigned char, PWM_GetChannelMask, (unsigned int h, unsigned char
 VELTRIX_EXPORT(int, PWM_GetChannelIndex, (unsigned int h, unsigned char ch), 0,
                { return channel_index(h, ch); })
 
-VELTRIX_EXPORT(unsigned int, PWM_GetMCUFrequency, (unsigned int h), 0u,
-               { return timer_clock(h); })
+VELTRIX_EXPORT(unsigned int, PWM_GetMCUFrequency, (unsigned int h), 0u, { return timer_clock(h); })
 
 VELTRIX_EXPORT(int, PWM_CAP_Init, (unsigned int h, unsigned char ch, unsigned char mode),
                PWM_ERR_REPLY, {

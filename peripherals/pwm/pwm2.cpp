@@ -49,8 +49,10 @@ Target target(uint32_t h, uint8_t channel) {
   t.slot = periph::slot_of(h);
   t.mask = channel_mask(h, channel);
   t.index = channel_index(h, channel);
-  if (t.slot < 0) t.code = PWM_ERR_PARAMETER;
-  else if (t.mask == 0) t.code = PWM2_ERR_CHANNEL;
+  if (t.slot < 0)
+    t.code = PWM_ERR_PARAMETER;
+  else if (t.mask == 0)
+    t.code = PWM2_ERR_CHANNEL;
   return t;
 }
 

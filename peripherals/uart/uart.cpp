@@ -1,11 +1,12 @@
 // UART channels: line set-up, writes (waited, queued, paced) and polled reads.
+#include "veltrix/uart.h"
+
 #include <chrono>
 #include <thread>
 
 #include "device/abi.hpp"
 #include "device/wire.hpp"
 #include "peripherals/command.hpp"
-#include "veltrix/uart.h"
 
 namespace veltrix::uart {
 namespace {
@@ -84,8 +85,8 @@ VELTRIX_EXPORT(int, UART_WriteBytesInterval,
                UART_ERR_REPLY, { return write_interval(h, ch, data, len, gap); })
 
 VELTRIX_EXPORT(int, UART_ReadBytes,
-               (unsigned int h, unsigned char ch, unsigned char* buf, int timeout),
-               UART_ERR_REPLY, { return read(h, ch, buf, timeout); })
+               (unsigned int h, unsigned char ch, unsigned char* buf, int timeout), UART_ERR_REPLY,
+               { return read(h, ch, buf, timeout); })
 
 VELTRIX_EXPORT(int, UART_ClearData, (unsigned int h, unsigned char ch), UART_ERR_REPLY, {
   const uint8_t payload[1] = {ch};
