@@ -64,7 +64,6 @@ void run_reader(Stream& s, uint32_t frame_bytes) {
   if (t) {
     libusb_fill_bulk_transfer(t, dev, kStreamEndpoint, buf.get(), int(frame_bytes), on_complete, &s,
                               0);
-    s.in_flight.store(true);
     if (libusb_submit_transfer(t) != 0) {
       s.in_flight.store(false);
       libusb_free_transfer(t);
@@ -72,6 +71,7 @@ void run_reader(Stream& s, uint32_t frame_bytes) {
     }
   }
   if (t == nullptr) {
+    s.in_flight.store(false);
     s.exit_requested.store(true);
     s.exited.store(true);
     return;

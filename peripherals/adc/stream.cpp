@@ -61,11 +61,15 @@ int start(uint32_t h, uint8_t mask, int rate, uint32_t frame_samples, ADC_DATA_C
   s.exit_requested.store(false);
   s.exited.store(false);
   s.callback.store(cb);
+  // Counted as running from here, so a caller polling the state right after the start
+  // does not see the moment before the reader's first submission as the end.
+  s.in_flight.store(true);
   try {
     s.thread = std::thread(run_reader, std::ref(s), frame_bytes);
   } catch (const std::system_error&) {
     s.exit_requested.store(true);
     s.exited.store(true);
+    s.in_flight.store(false);
     return ADC_ERR_REPLY;
   }
   return ADC_SUCCESS;
