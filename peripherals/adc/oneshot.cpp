@@ -28,7 +28,9 @@ int init(uint32_t h, uint8_t mask, int rate) {
 // first, plus a second.
 int read_timeout_ms(int n, int rate) {
   if (n <= 1) return kSingleSampleMs;
-  if (rate <= 0) return INT_MAX;
+  // Without a rate there is no sampling time to wait for: a stuck adapter must not hold
+  // the caller forever.
+  if (rate <= 0) return 1000;
   return periph::clamp_timeout(int64_t(n - 1) * 1000 / rate + 1000);
 }
 
