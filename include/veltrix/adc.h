@@ -68,6 +68,12 @@ VELTRIX_API int ADC_StartContinueRead(unsigned int DevHandle, unsigned char Chan
  * stay for ADC_GetData until the next start. Always returns 0. */
 VELTRIX_API int ADC_StopContinueRead(unsigned int DevHandle);
 
+/* Joins the reader thread of a stream that has ended by itself (adapter unplugged,
+ * transfer error) or was stopped, and forgets it, so nothing of it is reused. Returns 0 when
+ * no reader remains, 1 when the stream is still running (nothing is waited for: stop it
+ * with ADC_StopContinueRead), -1 for a bad handle. */
+VELTRIX_API int ADC_WaitForThreadExit(unsigned int DevHandle);
+
 /* Moves whole frames from the queue into pData while another whole frame fits into
  * MaxSamples, oldest first. Returns the number of samples copied: 0 when MaxSamples is
  * below one frame (the queue is left as it is) or nothing is queued; -1 for a bad handle or

@@ -85,6 +85,16 @@ int get_data(uint32_t h, short* out, int max_samples) {
   return int(frames * frame);
 }
 
+int wait_for_exit(uint32_t h) {
+  const int slot = periph::slot_of(h);
+  if (slot < 0) return ADC_ERR_PARAMETER;
+  Stream& s = state().slots[slot].stream;
+  std::scoped_lock g(s.control);
+  if (!s.exit_requested.load()) return 1;
+  join_reader(s);
+  return 0;
+}
+
 int stream_state(uint32_t h, unsigned int* dropped) {
   const int slot = periph::slot_of(h);
   if (slot < 0) return ADC_ERR_PARAMETER;
@@ -108,6 +118,9 @@ VELTRIX_EXPORT(int, ADC_StopContinueRead, (unsigned int h), ADC_SUCCESS, { retur
 
 VELTRIX_EXPORT(int, ADC_GetData, (unsigned int h, short* out, int max_samples), ADC_ERR_PARAMETER,
                { return get_data(h, out, max_samples); })
+
+VELTRIX_EXPORT(int, ADC_WaitForThreadExit, (unsigned int h), ADC_ERR_PARAMETER,
+               { return wait_for_exit(h); })
 
 VELTRIX_EXPORT(int, ADC_GetStreamState, (unsigned int h, unsigned int* dropped), ADC_ERR_PARAMETER,
                { return stream_state(h, dropped); })

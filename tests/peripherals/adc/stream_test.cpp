@@ -75,6 +75,7 @@ TEST_F(AdcStream, TenSecondsAtOneHundredKilosamplesLoseNothing) {
 TEST_F(AdcStream, GetDataBelowOneFrameLeavesTheQueueAlone) {
   ASSERT_EQ(ADC_StartContinueRead(kDev, 0x01, 100000, 100, nullptr), 0);
   ASSERT_TRUE(wait_for([&] { return stream().queue.frames() >= 3; }));
+  EXPECT_EQ(ADC_WaitForThreadExit(kDev), 1);  // still running: nothing to wait for
   ASSERT_EQ(ADC_StopContinueRead(kDev), 0);
   const size_t queued = stream().queue.frames();
   short buf[400];
@@ -126,6 +127,9 @@ TEST_F(AdcStream, UnplugEndsTheStreamAndARestartWorksAfterReplug) {
   ASSERT_TRUE(wait_for([&] { return sim_frames() >= 3; }));
   bed().unplug(kDev);
   ASSERT_TRUE(wait_for([] { return ADC_GetStreamState(kDev, nullptr) == 0; }));
+  // The reader winds down by itself; once joined no thread handle is left to reuse.
+  EXPECT_EQ(ADC_WaitForThreadExit(kDev), 0);
+  EXPECT_FALSE(stream().thread.joinable());
   EXPECT_EQ(ADC_StopContinueRead(kDev), 0);
   bed().replug(kDev);
   ASSERT_GE(USB_ScanDevice(nullptr), 1);
