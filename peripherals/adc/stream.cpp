@@ -24,17 +24,21 @@ void join_reader(Stream& s) {
   if (s.thread.joinable() && s.thread.get_id() != std::this_thread::get_id()) s.thread.join();
 }
 
+// The stop request under the adapter's lock; `exit` (if any) is raised under it too, so
+// no command of another thread slips between the two.
+void send_stop_request(uint32_t h, std::atomic<bool>* exit = nullptr) {
+  AdapterLock adapter(h);
+  USBCtrlData(h, identity::kReqTypeVendorOut, kReqStopStream, 0, 0, nullptr, 0, kStopTimeoutMs);
+  if (exit) exit->store(true);
+}
+
 int stop(uint32_t h) {
   const int slot = periph::slot_of(h);
   if (slot < 0) return ADC_SUCCESS;
   Stream& s = state().slots[slot].stream;
   std::scoped_lock g(s.control);
   if (!s.exit_requested.load()) {
-    {
-      AdapterLock adapter(h);
-      USBCtrlData(h, identity::kReqTypeVendorOut, kReqStopStream, 0, 0, nullptr, 0, kStopTimeoutMs);
-      s.exit_requested.store(true);
-    }
+    send_stop_request(h, &s.exit_requested);
     // The reader may be waiting up to two seconds for an event that no longer comes.
     if (registry().ctx) libusb_interrupt_event_handler(registry().ctx);
     s.callback.store(nullptr);
@@ -57,6 +61,11 @@ int start(uint32_t h, uint8_t mask, int rate, uint32_t frame_samples, ADC_DATA_C
   wire::PayloadBuilder b(9);
   b.u8(mask).be32(uint32_t(rate)).be32(frame_samples);
   int code = periph::ack(h, kCmdStart, b.span());
+  if (code == ADC_ERR_REPLY) {
+    // The adapter may have started streaming all the same; its frames would then be read
+    // as the replies of later commands.
+    send_stop_request(h);
+  }
   if (code != ADC_SUCCESS) return code;
   s.exit_requested.store(false);
   s.exited.store(false);

@@ -62,6 +62,19 @@ TEST_F(AdcStream, StartCapsTheFrameAtTheLargestTheAdapterTakes) {
   EXPECT_EQ(ADC_StartContinueRead(0x42FFFFFF, 0x01, 1000, 10, nullptr), ADC_ERR_PARAMETER);
 }
 
+TEST_F(AdcStream, StartRefusedByTheAdapterStartsNoReader) {
+  fault(sim::FaultKind::ExtraPayload, 0x502, 4);
+  EXPECT_EQ(ADC_StartContinueRead(kDev, 0x01, 1000, 100, nullptr), ADC_ERR_REPLY);
+  fault(sim::FaultKind::WrongCode, 0x502, 0x500);
+  EXPECT_EQ(ADC_StartContinueRead(kDev, 0x01, 1000, 100, nullptr), ADC_ERR_REPLY);
+  EXPECT_FALSE(stream().thread.joinable());
+  EXPECT_EQ(ADC_GetStreamState(kDev, nullptr), 0);
+  // Each refused start is undone on the adapter; the stop after them has nothing to do.
+  EXPECT_EQ(ADC_StopContinueRead(kDev), 0);
+  EXPECT_EQ(m_->control_requests().size(), 2u);
+  ASSERT_EQ(ADC_Init(kDev, 0x01, 1000), 0) << "stream bytes leaked into a reply";
+}
+
 TEST_F(AdcStream, TenSecondsAtOneHundredKilosamplesLoseNothing) {
   ASSERT_EQ(ADC_StartContinueRead(kDev, 0x01, 100000, 1000, nullptr), 0);
   expect_ramp(1000000, 1000);
