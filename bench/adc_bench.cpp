@@ -57,14 +57,12 @@ void BM_AdcStream(benchmark::State& state) {
   setup_once();
   const int rate = int(state.range(0));
   const unsigned frame = unsigned(std::min<int64_t>(ADC_MAX_FRAME_SAMPLES, rate / 100));
-  veltrix::adc::Stream& stream =
-      veltrix::adc::state().slots[usb_list_get_index(kSerial)].stream;
+  veltrix::adc::Stream& stream = veltrix::adc::state().slots[usb_list_get_index(kSerial)].stream;
   std::vector<short> buf(size_t(frame) * 64);
   double lib_cpu = 0, wall = 0;
   unsigned long long total = 0;
   for (auto _ : state) {
-    if (ADC_StartContinueRead(kSerial, 0x01, rate, frame, nullptr) != 0)
-      fail("start failed", 0);
+    if (ADC_StartContinueRead(kSerial, 0x01, rate, frame, nullptr) != 0) fail("start failed", 0);
     clockid_t reader_clock;
     if (pthread_getcpuclockid(stream.thread.native_handle(), &reader_clock) != 0)
       fail("no reader thread", 0);
@@ -105,8 +103,12 @@ void BM_AdcStream(benchmark::State& state) {
   state.counters["lib_cpu_pct"] = 100.0 * lib_cpu / wall;
   state.counters["frame_samples"] = frame;
 }
-BENCHMARK(BM_AdcStream)->Arg(100000)->Arg(1000000)->Iterations(2)->UseManualTime()->Unit(
-    benchmark::kSecond);
+BENCHMARK(BM_AdcStream)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Iterations(2)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
 
 }  // namespace
 
