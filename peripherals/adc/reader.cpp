@@ -37,7 +37,14 @@ void LIBUSB_CALL on_complete(libusb_transfer* t) {
         s.queue.push(t->buffer, size_t(n));
       }
     }
-    if (!s.exit_requested.load() && libusb_submit_transfer(t) == 0) return;
+    if (s.exit_requested.load()) {
+      s.in_flight.store(false);
+      return;
+    }
+    const int r = libusb_submit_transfer(t);
+    if (r == 0) return;
+    // Unplugged between the completion and the resubmission: the same as below.
+    if (r == LIBUSB_ERROR_NO_DEVICE) s.exit_requested.store(true);
   } else if (t->status == LIBUSB_TRANSFER_NO_DEVICE) {
     // The adapter is gone: the reader winds down as if stopped.
     s.exit_requested.store(true);
