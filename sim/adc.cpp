@@ -28,7 +28,7 @@ double unit_noise(uint32_t seed, uint64_t k) {
 }
 
 // Pushes each frame when its last sample is due, until told to stop or unplugged.
-void produce(Model* m, std::shared_ptr<AdcStreamRun> run, double frame_seconds) {
+void produce(Model* m, std::shared_ptr<AdcStreamRun> run, double frame_seconds, uint64_t plug) {
   const Clock::time_point start = Clock::now();
   uint64_t frames = 0;
   while (!run->stop.load()) {
@@ -36,7 +36,8 @@ void produce(Model* m, std::shared_ptr<AdcStreamRun> run, double frame_seconds) 
     const uint64_t due = uint64_t(elapsed / frame_seconds);
     while (frames < due && !run->stop.load()) {
       std::scoped_lock g(sim_mutex());
-      if (run->stop.load()) return;
+      // An unplug ends the stream, even if the adapter is back by now.
+      if (run->stop.load() || m->plug_generation() != plug) return;
       AdcSim& s = adc_sim(*m);
       std::vector<uint8_t> frame = s.take(s.frame_samples);
       ++frames;
@@ -73,7 +74,7 @@ std::optional<Reply> start_stream(Model& m, const Command& c) {
   s.run = std::make_shared<AdcStreamRun>();
   const double frame_seconds = double(s.frame_samples) / (double(s.rate) * inputs);
   // The model outlives the thread (the testbed keeps every model); the run flag ends it.
-  std::thread(produce, &m, s.run, frame_seconds).detach();
+  std::thread(produce, &m, s.run, frame_seconds, m.plug_generation()).detach();
   return ack(c);
 }
 

@@ -29,6 +29,7 @@ bool Model::control(const ControlRequest& rq) {
 void Model::attach(UsbDevice* front) {
   std::scoped_lock g(sim_mutex());
   front_ = front;
+  ++plugs_;
 }
 
 bool Model::stream_in(const uint8_t* bytes, size_t n) {

@@ -114,6 +114,8 @@ class Model {
   size_t stream_backlog() const;                   // bytes queued and not yet read
   void drop_stream();                              // discards what the host has not read
   void attach(UsbDevice* front);                   // by the testbed at each plug
+  // Counts plugs: a stream started on one plug must not push into the next.
+  uint64_t plug_generation() const { return plugs_; }
 
   // Per-family state, created on first use.
   template <typename T>
@@ -145,6 +147,7 @@ class Model {
   std::map<uint32_t, Handler> handlers_;
   std::map<uint16_t, ControlHandler> control_handlers_;
   UsbDevice* front_ = nullptr;
+  uint64_t plugs_ = 0;
   std::unordered_map<std::type_index, std::shared_ptr<void>> ext_;
   std::vector<Command> record_;
   std::vector<OutTransfer> out_;
