@@ -66,6 +66,11 @@ struct AdsCase {
   Bytes raw;
   std::vector<int> want;
 };
+void PrintTo(const AdsCase& c, std::ostream* os) {
+  *os << c.raw.size() << " bytes ->";
+  for (int v : c.want) *os << ' ' << v;
+}
+
 class Ads1256 : public Adc, public ::testing::WithParamInterface<AdsCase> {};
 
 TEST_P(Ads1256, SignExtendsEveryThreeByteSample) {

@@ -35,6 +35,10 @@ TEST_F(Gpio, ModeCommandsSendMaskAndPull) {
 struct PulseCase {
   uint32_t width, period, sent_period;
 };
+void PrintTo(const PulseCase& c, std::ostream* os) {
+  *os << "width " << c.width << " period " << c.period;
+}
+
 class GpioPulses : public Gpio, public ::testing::WithParamInterface<PulseCase> {};
 
 TEST_P(GpioPulses, PeriodNotLongerThanWidthBecomesWidthPlusOne) {
@@ -57,6 +61,8 @@ struct WiringCase {
   int (*drive)(uint32_t);
   unsigned int want;  // level of pin 5
 };
+void PrintTo(const WiringCase& c, std::ostream* os) { *os << c.name; }
+
 class GpioWiring : public Gpio, public ::testing::WithParamInterface<WiringCase> {};
 
 TEST_P(GpioWiring, InputSeesItsNet) {

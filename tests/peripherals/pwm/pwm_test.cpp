@@ -19,6 +19,10 @@ struct MaskCase {
   unsigned clock;
 };
 
+void PrintTo(const MaskCase& c, std::ostream* os) {
+  *os << std::hex << "handle " << c.handle << " channel " << std::dec << int(c.channel);
+}
+
 // The model tables need no adapter: they only look at the handle's top byte.
 class PwmModels : public ::testing::TestWithParam<MaskCase> {};
 
@@ -111,10 +115,11 @@ struct TimingCase {
   unsigned short prescaler, period;
   double actual;
 };
-class PwmTiming : public ::testing::TestWithParam<TimingCase> {};
+void PrintTo(const TimingCase& c, std::ostream* os) {
+  *os << std::hex << "model " << (c.handle >> 24) << std::dec << " at " << c.hz << " Hz";
+}
 
-// Works without an adapter too? No: an unknown handle is refused, so these run through
-// the registry of an open adapter of each model.
+// The timing needs an adapter in the registry: an unknown handle is refused.
 TEST(PwmTimingLimits, UnknownHandleIsRefused) {
   EXPECT_EQ(PWM2_GetTiming(0x11000001, 1000, nullptr, nullptr, nullptr), PWM_ERR_PARAMETER);
 }
@@ -187,6 +192,10 @@ struct CaptureCase {
   double hz;
   double duty;
 };
+void PrintTo(const CaptureCase& c, std::ostream* os) {
+  *os << "channel " << int(c.channel) << ' ' << c.hz << " Hz " << c.duty << " %";
+}
+
 class PwmCapture : public Pwm, public ::testing::WithParamInterface<CaptureCase> {};
 
 TEST_P(PwmCapture, MeasuresTheFrequencyAndDutySetWithinOneTick) {

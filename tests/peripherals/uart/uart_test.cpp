@@ -50,6 +50,8 @@ struct WriteCase {
   Bytes payload;
 };
 
+void PrintTo(const WriteCase& c, std::ostream* os) { *os << c.name; }
+
 class UartWrite : public Uart, public ::testing::WithParamInterface<WriteCase> {};
 
 const unsigned char kHello[] = {'h', 'i', '\n'};
