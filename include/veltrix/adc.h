@@ -53,7 +53,8 @@ VELTRIX_API int ADC_Init(unsigned int DevHandle, unsigned char ChannelMask, int 
 
 /* Takes SampleCount samples of every enabled input into pData, which needs room for
  * SampleCount x (inputs enabled by ADC_Init) samples. Returns that number of samples, or
- * -1, -2, -4 (a reply that is not exactly that many bytes is -4). */
+ * -1, -2, -4 (a reply that is not exactly that many bytes is -4). After an error the
+ * buffer may hold part of a reply, never more than its documented room. */
 VELTRIX_API int ADC_Read(unsigned int DevHandle, short* pData, int SampleCount);
 
 /* Starts a stream of frames of FrameSize samples (all inputs together; cut to
