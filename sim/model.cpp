@@ -1,5 +1,7 @@
 #include "sim/model.hpp"
 
+#include "sim/usb_device.hpp"
+
 namespace veltrix::sim {
 
 std::recursive_mutex& sim_mutex() {
@@ -55,6 +57,34 @@ std::optional<Reply> Model::dispatch(const Command& c) {
     return std::nullopt;
   }
   return it->second(*this, c);
+}
+
+bool Model::control(const ControlRequest& rq) {
+  auto it = control_handlers_.find(uint16_t(rq.request_type << 8 | rq.request));
+  return it != control_handlers_.end() && it->second(*this, rq);
+}
+
+void Model::attach(UsbDevice* front) {
+  std::scoped_lock g(sim_mutex());
+  front_ = front;
+  ++plugs_;
+}
+
+bool Model::stream_in(const uint8_t* bytes, size_t n) {
+  std::scoped_lock g(sim_mutex());
+  if (front_ == nullptr || !front_->connected()) return false;
+  front_->push_in(bytes, n);
+  return true;
+}
+
+size_t Model::stream_backlog() const {
+  std::scoped_lock g(sim_mutex());
+  return front_ ? front_->in_backlog() : 0;
+}
+
+void Model::drop_stream() {
+  std::scoped_lock g(sim_mutex());
+  if (front_) front_->discard_in();
 }
 
 std::vector<Command> Model::commands() const {

@@ -67,6 +67,7 @@ struct Fault {
 };
 
 class Model;
+class UsbDevice;
 // A handler answers one command. No value means the command has no reply.
 using Handler = std::function<std::optional<Reply>(Model&, const Command&)>;
 
@@ -96,6 +97,25 @@ class Model {
   }
   // Runs the handler for one command and records it; unknown codes get no reply.
   std::optional<Reply> dispatch(const Command& c);
+
+  // A vendor OUT control request (no data stage) that a family answers; true if it was
+  // understood. Families register these at install time.
+  using ControlHandler = std::function<bool(Model&, const ControlRequest&)>;
+  void on_control(uint8_t request_type, uint8_t request, ControlHandler h) {
+    std::scoped_lock g(sim_mutex());
+    control_handlers_[uint16_t(request_type << 8 | request)] = std::move(h);
+  }
+  // Runs the family's handler for a control request; false if none knows it.
+  bool control(const ControlRequest& rq);
+
+  // The bulk IN pipe of the current plug, for families that push data outside of a command
+  // reply (streams). All three take sim_mutex(); while unplugged nothing is sent.
+  bool stream_in(const uint8_t* bytes, size_t n);  // false while unplugged
+  size_t stream_backlog() const;                   // bytes queued and not yet read
+  void drop_stream();                              // discards what the host has not read
+  void attach(UsbDevice* front);                   // by the testbed at each plug
+  // Counts plugs: a stream started on one plug must not push into the next.
+  uint64_t plug_generation() const { return plugs_; }
 
   // Per-family state, created on first use.
   template <typename T>
@@ -132,6 +152,9 @@ class Model {
  private:
   Identity id_;
   std::map<uint32_t, Handler> handlers_;
+  std::map<uint16_t, ControlHandler> control_handlers_;
+  UsbDevice* front_ = nullptr;
+  uint64_t plugs_ = 0;
   std::unordered_map<std::type_index, std::shared_ptr<void>> ext_;
   void record_command(const Command& c);
 

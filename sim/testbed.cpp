@@ -152,6 +152,7 @@ void Testbed::plug(Plugged& p) {
   {
     std::scoped_lock g(sim_mutex());
     p.usb = front.get();
+    p.model->attach(p.usb);
     fronts_.push_back(std::move(front));
   }
 }

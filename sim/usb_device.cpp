@@ -65,8 +65,11 @@ void UsbDevice::disconnect() {
   in_stream_.clear();
 }
 
-void UsbDevice::push_in(const std::vector<uint8_t>& bytes) {
-  in_stream_.insert(in_stream_.end(), bytes.begin(), bytes.end());
+void UsbDevice::push_in(const std::vector<uint8_t>& bytes) { push_in(bytes.data(), bytes.size()); }
+
+void UsbDevice::push_in(const uint8_t* bytes, size_t n) {
+  if (!connected_) return;
+  in_stream_.insert(in_stream_.end(), bytes, bytes + n);
   complete_in();
 }
 
@@ -217,6 +220,8 @@ void UsbDevice::control(UMockdevIoctlData* ud, UMockdevIoctlData* buf) {
   } else if (rq.request_type == identity::kReqTypeVendorOut &&
              rq.request == identity::kReqReset) {
     model_->count_reset();
+  } else if (rq.request_type == identity::kReqTypeVendorOut && model_->control(rq)) {
+    // A family's vendor request (the stream stop); it has no data stage.
   } else {
     status = -EPIPE;
   }

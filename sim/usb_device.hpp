@@ -36,6 +36,9 @@ class UsbDevice {
   // Queues bytes on the IN endpoint outside of a command, for streaming families
   // (under sim_mutex()).
   void push_in(const std::vector<uint8_t>& bytes);
+  void push_in(const uint8_t* bytes, size_t n);
+  size_t in_backlog() const { return in_stream_.size(); }
+  void discard_in() { in_stream_.clear(); }
 
   // Called with sim_mutex() held when a command's fault asks for an unplug; the testbed
   // removes the device from sysfs later, outside the ioctl thread.
