@@ -43,13 +43,13 @@ size_t g_commands = 0;
 
 // Every command the library writes must be one whole frame: its header's length field
 // matches the bytes that follow.
-void take_command(uint8_t ep, const uint8_t* data, int len) {
+void take_command(uint32_t serial, uint8_t ep, const uint8_t* data, int len) {
   if (len == 0) return;  // the zero-length packet that ends a transfer of whole packets
   if (len < 8 || data == nullptr) broken("command shorter than its header");
   uint32_t declared = wire::get_be32(data + 4);
   if (size_t(declared) + 8 != size_t(len)) broken("command length field does not match");
   ++g_commands;
-  if (g_responder) g_responder(ep, wire::get_be32(data), {data + 8, declared});
+  if (g_responder) g_responder(serial, ep, wire::get_be32(data), {data + 8, declared});
 }
 
 int serve_in(uint8_t* data, int len, int* done) {
@@ -176,18 +176,18 @@ int LIBUSB_CALL libusb_control_transfer(libusb_device_handle* h, uint8_t type, u
   return length;
 }
 
-int LIBUSB_CALL libusb_bulk_transfer(libusb_device_handle*, unsigned char ep, unsigned char* data,
+int LIBUSB_CALL libusb_bulk_transfer(libusb_device_handle* h, unsigned char ep, unsigned char* data,
                                      int length, int* transferred, unsigned int) {
   if (ep & 0x80) return serve_in(data, length, transferred);
-  take_command(ep, data, length);
+  take_command(kSerials[h->dev->index], ep, data, length);
   *transferred = length;
   return 0;
 }
 
-int LIBUSB_CALL libusb_interrupt_transfer(libusb_device_handle*, unsigned char ep,
+int LIBUSB_CALL libusb_interrupt_transfer(libusb_device_handle* h, unsigned char ep,
                                           unsigned char* data, int length, int* transferred,
                                           unsigned int) {
-  take_command(ep, data, length);
+  take_command(kSerials[h->dev->index], ep, data, length);
   *transferred = length;
   return 0;
 }

@@ -15,9 +15,10 @@ namespace veltrix::fuzz {
 inline constexpr uint32_t kClassicSerial = 0x31A00001u;
 inline constexpr uint32_t kFdSerial = 0x53A00002u;
 
-// Called for every command frame written to the adapter (endpoint, code, payload). A
-// responder may queue the reply with queue_in().
-using Responder = std::function<void(uint8_t ep, uint32_t cmd, std::span<const uint8_t>)>;
+// Called for every command frame written to an adapter (its serial, the endpoint, the
+// code and the payload). A responder may queue the reply with queue_in().
+using Responder =
+    std::function<void(uint32_t serial, uint8_t ep, uint32_t cmd, std::span<const uint8_t>)>;
 
 void set_responder(Responder r);
 // Drops everything queued and not yet read.

@@ -3,11 +3,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "device/wire.hpp"
 #include "fuzz/reply/fake_usb.hpp"
 #include "veltrix/can.h"
 #include "veltrix/lin.h"
@@ -100,6 +102,13 @@ Signal_representation {
 // longest is a synchronous send of 600 frames: three batches of 26 s).
 constexpr std::chrono::seconds kLongestOperation{600};
 
+// The identity record: 88 bytes, the firmware version little-endian at byte 68.
+constexpr uint32_t kCmdIdentity = 0x100;
+constexpr size_t kIdentityBytes = 88;
+constexpr size_t kFirmwareVersionAt = 68;
+constexpr uint32_t kOlderFirmware = 0x01050000;
+constexpr uint32_t kNewerFirmware = 0x01060003;
+
 LDF_CODING* g_master = nullptr;
 LDF_CODING* g_slave = nullptr;
 
@@ -110,8 +119,20 @@ LDF_CODING* g_slave = nullptr;
 
 }  // namespace
 
+uint32_t firmware_of(uint32_t serial) {
+  return serial == kClassicSerial ? kOlderFirmware : kNewerFirmware;
+}
+
 Responder acknowledge_everything() {
-  return [](uint8_t, uint32_t cmd, std::span<const uint8_t>) { queue_reply(cmd, {}); };
+  return [](uint32_t serial, uint8_t, uint32_t cmd, std::span<const uint8_t>) {
+    if (cmd != kCmdIdentity) {
+      queue_reply(cmd, {});
+      return;
+    }
+    std::array<uint8_t, kIdentityBytes> record{};
+    wire::put_le32(record.data() + kFirmwareVersionAt, firmware_of(serial));
+    queue_reply(cmd, record);
+  };
 }
 
 void set_up() {
@@ -125,8 +146,10 @@ void set_up() {
       write(fd, kDescription, sizeof kDescription - 1) != ssize_t(sizeof kDescription - 1))
     fail("cannot write the description");
   std::string path = "/proc/self/fd/" + std::to_string(fd);
-  g_master = LDF_ParserFile(int(kClassicSerial), 0, 1, path.c_str());
-  g_slave = LDF_ParserFile(int(kClassicSerial), 1, 0, path.c_str());
+  // On the adapter with the newer firmware, whose model in reply_seeds answers the LIN
+  // commands bus execution sends.
+  g_master = LDF_ParserFile(int(kFdSerial), 0, 1, path.c_str());
+  g_slave = LDF_ParserFile(int(kFdSerial), 1, 0, path.c_str());
   close(fd);
   if (g_master == nullptr || g_slave == nullptr) fail("the description does not load");
   set_responder(nullptr);
@@ -136,6 +159,8 @@ void set_up() {
 void restore_baseline(const Responder& answer) {
   set_responder(answer);
   for (uint32_t h : {kClassicSerial, kFdSerial}) {
+    const LIN_CONFIG older{19200, 0, 1};
+    for (uint8_t ch = 0; ch < LIN_MAX_CHANNELS; ++ch) LIN_Init(int(h), ch, &older);
     for (uint8_t ch = 0; ch < LIN_EX_MAX_CHANNELS; ++ch) {
       LIN_EX_Init(int(h), ch, 19200, 1);
       LIN_USD_ClearCANMsgFromUDSBuffer(int(h), ch);

@@ -23,11 +23,18 @@ inline constexpr size_t kStepBytes = 2 + kArgBytes;
 // with an empty reply meanwhile. Runs once.
 void set_up();
 
-// Puts the host state back to the same starting point before each input: every LIN
-// channel set up as master at 19200 baud, receive queues empty. `answer` replies to the
-// commands this sends; nothing answers afterwards until the caller sets a responder.
+// The firmware version each adapter reports. It decides the command set of the older LIN
+// calls: the classic adapter plays firmware before the newer LIN commands, the CAN FD
+// model firmware after, so both sets are fuzzed.
+uint32_t firmware_of(uint32_t serial);
+
+// Puts the host state back to the same starting point before each input: the older LIN
+// interface set up on channels 0 and 1 (so each adapter's command set is chosen), every
+// LIN channel set up as master at 19200 baud, receive queues empty. `answer` replies to
+// the commands this sends; nothing answers afterwards until the caller sets a responder.
 void restore_baseline(const Responder& answer);
-// A responder that acknowledges every command with an empty reply.
+// A responder that acknowledges every command with an empty reply, except the identity
+// request, which it answers with a record carrying firmware_of() the adapter.
 Responder acknowledge_everything();
 
 // The target of a step's adapter byte.

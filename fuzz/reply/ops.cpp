@@ -335,6 +335,7 @@ void lin_slave(const Target& t, Args& a) {
 }
 
 void lin_legacy(const Target& t, Args& a) {
+  const uint8_t what = a.u8() % 6;  // first: the frames below may use up the argument bytes
   uint8_t ch = uint8_t(a.u8() % 3);
   int n = a.range(1, 4);
   std::vector<LIN_MSG> msgs(static_cast<size_t>(n));
@@ -343,7 +344,7 @@ void lin_legacy(const Target& t, Args& a) {
     m.DataLen = uint8_t(a.u8() % 10);
     for (auto& b : m.Data) b = a.u8();
   }
-  switch (a.u8() % 6) {
+  switch (what) {
     case 0: {
       LIN_CONFIG c{19200, a.u8(), uint8_t(a.u8() & 1)};
       expect(LIN_Init(int(t.handle), ch, &c), 0, {-2, -4, -7});

@@ -12,6 +12,7 @@
 #include "fuzz/reply/fake_clock.hpp"
 #include "fuzz/reply/fake_usb.hpp"
 #include "fuzz/reply/harness.hpp"
+#include "sim/device_services.hpp"
 #include "sim/model.hpp"
 
 using namespace veltrix::fuzz;
@@ -25,6 +26,7 @@ constexpr size_t kLargestSeed = 16 * 1024;
 std::unique_ptr<sim::Model> make_model(uint32_t serial) {
   auto m = std::make_unique<sim::Model>(sim::Identity{.serial = serial});
   sim::install_families(*m);
+  sim::device_services(*m).firmware_version = firmware_of(serial);
   return m;
 }
 
@@ -43,14 +45,15 @@ int main(int argc, char** argv) {
   int written = 0;
   for (size_t op = 0; op < ops().size(); ++op) {
     for (uint8_t dev = 0; dev < 2; ++dev) {
-      sim::Model& model = dev ? *fd : *classic;
       for (int v = 0; v < kVariants; ++v) {
         std::vector<uint8_t> input{0, uint8_t(op), dev};
         for (size_t i = 0; i < kArgBytes; ++i) input.push_back(uint8_t(rng()));
         input[3] = uint8_t(v);  // the first argument byte mostly picks the port or variant
         std::vector<uint8_t> replies;
         bool capture = false;
-        Responder answer = [&](uint8_t ep, uint32_t cmd, std::span<const uint8_t> payload) {
+        Responder answer = [&](uint32_t serial, uint8_t ep, uint32_t cmd,
+                               std::span<const uint8_t> payload) {
+          sim::Model& model = serial == kFdSerial ? *fd : *classic;
           auto r = model.dispatch({ep, cmd, {payload.begin(), payload.end()}});
           if (!r) return;
           queue_reply(r->code, r->payload);
