@@ -98,6 +98,8 @@ int send_sync(uint32_t h, uint8_t port, CAN_MSG* frames, uint32_t count) {
     for (;;) {
       int q = get_send_info(h, port, &info);
       if (q < 0) return q;
+      // The adapter's counts cover this batch alone; larger ones are not believed.
+      info.SentCount = uint8_t(std::min<uint32_t>(info.SentCount, n));
       // The adapter gave up: its count for this batch is the answer, earlier batches
       // are not added.
       if (info.Aborted) return info.SentCount;
@@ -108,7 +110,9 @@ int send_sync(uint32_t h, uint8_t port, CAN_MSG* frames, uint32_t count) {
       // About 100 bit times per outstanding frame at the stored rate.
       uint32_t rate = ps ? ps->baud_rate.load() : 0;
       uint32_t outstanding = uint32_t(info.QueuedCount - info.SentCount);
-      uint32_t wait_ms = rate ? uint32_t(uint64_t(outstanding) * 100000 / rate) : 1;
+      uint64_t wait_ms = rate ? uint64_t(outstanding) * 100000 / rate : 1;
+      // A slow configured rate must not stretch the wait past the batch's budget.
+      wait_ms = std::clamp<uint64_t>(wait_ms, 1, uint64_t(sync_budget_ms(n) - elapsed));
       std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));
     }
     total += info.SentCount;  // a batch out of time counts what reached the bus

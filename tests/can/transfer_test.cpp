@@ -133,6 +133,24 @@ TEST_F(CanSend, AbortInLaterChunkReturnsThatChunksCountAlone) {
   EXPECT_EQ(payloads(*m, 0x0C0A).size(), 2u);  // no third batch
 }
 
+// An adapter that claims more frames than it was given is believed only up to the batch.
+// An accepted count above the batch is a broken reply; a synchronous send's sent count
+// never exceeds the batch.
+TEST_F(CanSend, AdapterCountsBeyondTheBatchAreRefusedOrCapped) {
+  auto m = open_both(kClassic);
+  auto frames = numbered(3);
+  m->on(0x0C02, [](sim::Model&, const sim::Command& c) -> std::optional<sim::Reply> {
+    return sim::Reply{c.code, {0x72, 0, 0, 0}};  // 114 accepted
+  });
+  EXPECT_EQ(CAN_SendMsg(kClassic, 0, frames.data(), 3), CAN_ERR_USB_READ_FAIL);
+  m->on(0x0C0B, [](sim::Model&, const sim::Command& c) -> std::optional<sim::Reply> {
+    return sim::Reply{c.code, {0, 0, 200, 1}};  // aborted after 200 sent
+  });
+  EXPECT_EQ(CAN_SendMsgSynch(kClassic, 0, frames.data(), 3), 3);
+  EXPECT_EQ(payloads(*m, 0x0C0A).size(), 1u);
+  EXPECT_EQ(payloads(*m, 0x0C0B), (std::vector<Bytes>{{0}}));
+}
+
 TEST_F(CanSend, SendInfoNeedsExactlyFourBytes) {
   auto m = open_both(kClassic);
   CAN_TX_INFO info{9, 9, 9, 9};
