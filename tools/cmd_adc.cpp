@@ -13,14 +13,15 @@
 #include <vector>
 
 #include "periph_args.hpp"
+#include "tools/cli.hpp"
 #include "veltrix/adc.h"
 
 using namespace periph_cli;
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix adc SERIAL read MASK RATE N\n"
                "       veltrix adc SERIAL stream --rate N --seconds S [--mask M] [--frame F]\n"
                "                                [--out FILE.csv] [--plot FILE.png]\n");
@@ -170,6 +171,7 @@ int stream(unsigned h, const StreamArgs& a) {
 }  // namespace
 
 int cmd_adc(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   StreamArgs a;
   unsigned long serial, v = 0;
   const char* rate = take_option(argc, argv, "--rate");

@@ -7,14 +7,15 @@
 #include <string>
 
 #include "periph_args.hpp"
+#include "tools/cli.hpp"
 #include "veltrix/gpio.h"
 
 using namespace periph_cli;
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix gpio SERIAL in MASK [up|down|none]\n"
                "       veltrix gpio SERIAL out MASK [od]\n"
                "       veltrix gpio SERIAL write MASK VALUE\n"
@@ -54,6 +55,7 @@ int run(unsigned h, int argc, char** argv) {
 }  // namespace
 
 int cmd_gpio(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   unsigned long serial;
   if (argc < 4 || !parse_uint(argv[1], 16, 0xFFFFFFFFul, &serial)) {
     usage();

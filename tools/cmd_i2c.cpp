@@ -13,13 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli.hpp"
 #include "veltrix/i2c.h"
 #include "veltrix/usb_device.h"
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix i2c SERIAL CH scan\n"
                "       veltrix i2c SERIAL CH get ADDR REG [b|w]\n"
                "       veltrix i2c SERIAL CH set ADDR REG VALUE [b|w]\n"
@@ -139,6 +140,7 @@ int run(int h, unsigned char ch, int argc, char** argv) {
 }  // namespace
 
 int cmd_i2c(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   unsigned long serial, ch;
   if (argc < 4 || !parse_num(argv[1], 16, 0xFFFFFFFFul, &serial) ||
       !parse_num(argv[2], 10, IIC_MAX_CHANNELS - 1, &ch)) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "isotp_cli.hpp"
+#include "tools/cli.hpp"
 
 namespace {
 
@@ -20,8 +21,8 @@ using namespace veltrix::cli;
 constexpr unsigned kMaxMessage = 1u << 16;
 constexpr unsigned kPollMs = 1000;
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix isotp send SERIAL PORT -s ID -d ID [-x ADDR] [-e] [-b BITRATE]"
                " [BYTES]\n"
                "       veltrix isotp recv SERIAL PORT -s ID -d ID [-x ADDR] [-e] [-b BITRATE]"
@@ -68,6 +69,7 @@ int recv(const Link& l, bool loop, bool bounded) {
 }  // namespace
 
 int cmd_isotp(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   Link l;
   if (argc < 4 || !parse_number(argv[2], 16, 0xFFFFFFFF, &l.serial) ||
       !parse_number(argv[3], 10, 1, &l.port)) {

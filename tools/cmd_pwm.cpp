@@ -5,14 +5,15 @@
 #include <string>
 
 #include "periph_args.hpp"
+#include "tools/cli.hpp"
 #include "veltrix/pwm.h"
 
 using namespace periph_cli;
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix pwm SERIAL set CH FREQ_HZ DUTY_PERCENT [--run US]\n"
                "       veltrix pwm SERIAL stop CH\n"
                "       veltrix pwm SERIAL capture CAP\n");
@@ -46,6 +47,7 @@ int capture(unsigned h, unsigned char cap) {
 }  // namespace
 
 int cmd_pwm(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   unsigned long serial, ch, run_us = 0;
   double hz = 0, duty = 0;
   const char* run = take_option(argc, argv, "--run");

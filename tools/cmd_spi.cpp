@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli.hpp"
 #include "veltrix/spi.h"
 #include "veltrix/usb_device.h"
 
@@ -30,8 +31,8 @@ constexpr unsigned kSector = 4096;
 constexpr int kEraseTimeoutMs = 2000;
 constexpr int kChipEraseTimeoutMs = 120000;
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix spi SERIAL CH flash id\n"
                "       veltrix spi SERIAL CH flash read FILE [ADDR [LEN]]\n"
                "       veltrix spi SERIAL CH flash write FILE [ADDR]\n"
@@ -230,6 +231,7 @@ int run(Flash& f, int argc, char** argv) {
 }  // namespace
 
 int cmd_spi(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   unsigned long serial, ch;
   if (argc < 5 || std::strcmp(argv[3], "flash") != 0 ||
       !parse_num(argv[1], 16, 0xFFFFFFFFul, &serial) || !parse_num(argv[2], 10, 1, &ch)) {

@@ -8,14 +8,15 @@
 #include <vector>
 
 #include "periph_args.hpp"
+#include "tools/cli.hpp"
 #include "veltrix/uart.h"
 
 using namespace periph_cli;
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr, "usage: veltrix uart SERIAL CH [--baud N] [--wait MS] [TEXT...]\n");
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out, "usage: veltrix uart SERIAL CH [--baud N] [--wait MS] [TEXT...]\n");
 }
 
 int run(unsigned h, unsigned char ch, unsigned long baud, unsigned long wait_ms,
@@ -42,6 +43,7 @@ int run(unsigned h, unsigned char ch, unsigned long baud, unsigned long wait_ms,
 }  // namespace
 
 int cmd_uart(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   unsigned long baud = 115200, wait_ms = 500, serial, ch;
   const char* b = take_option(argc, argv, "--baud");
   const char* w = take_option(argc, argv, "--wait");

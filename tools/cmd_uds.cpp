@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "isotp_cli.hpp"
+#include "tools/cli.hpp"
 
 namespace {
 
@@ -17,8 +18,8 @@ constexpr unsigned kMaxMessage = 1u << 16;
 constexpr int kMaxPending = 100;  // a server that only ever asks for patience is broken
 constexpr unsigned kPendingTimeoutMs = 5000;
 
-void usage() {
-  std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: veltrix uds SERIAL PORT --tx ID --rx ID [--ext-addr N] [-e] [--bitrate N]"
                " [--timeout MS] BYTE...\n");
 }
@@ -77,6 +78,7 @@ const char* nrc_name(unsigned char code) {
 }  // namespace
 
 int cmd_uds(int argc, char** argv) {
+  if (veltrix::tools::answered_help(argc, argv, usage)) return 0;
   Link l;
   std::vector<unsigned char> req;
   if (argc < 3 || !parse_number(argv[1], 16, 0xFFFFFFFF, &l.serial) ||

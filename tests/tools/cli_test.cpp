@@ -359,6 +359,37 @@ TEST(CliHelp, EveryCommandDescribesItselfOnStdout) {
   EXPECT_GE(seen, 6);
 }
 
+// Asking for help anywhere among real arguments still answers on stdout without opening the
+// adapter; a wrong call keeps the usage on stderr with status 2 so scripts see the mistake.
+TEST(CliHelp, PeripheralAndDiagnosticCommandsKeepUsageErrorsOnStderr) {
+  const struct {
+    std::vector<std::string> args;
+    std::string name;
+  } cases[] = {
+      {{"i2c", "51000001", "0", "get", "50", "--help"}, "i2c"},
+      {{"spi", "51000001", "0", "flash", "-h"}, "spi"},
+      {{"uart", "51000001", "0", "--baud", "9600", "--help"}, "uart"},
+      {{"gpio", "51000001", "read", "FF", "--help"}, "gpio"},
+      {{"pwm", "51000001", "set", "0", "--help"}, "pwm"},
+      {{"adc", "51000001", "stream", "--help"}, "adc"},
+      {{"uds", "51000001", "0", "--tx", "7E0", "-h"}, "uds"},
+      {{"isotp", "send", "51000001", "0", "--help"}, "isotp"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> argv = {kCli};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    Result help = run(argv);
+    EXPECT_EQ(help.status, 0) << c.name;
+    EXPECT_EQ(help.out.rfind("usage: veltrix " + c.name, 0), 0u) << c.name << ": " << help.out;
+    EXPECT_EQ(help.err, "") << c.name;
+
+    Result wrong = run({kCli, c.name});
+    EXPECT_EQ(wrong.status, 2) << c.name;
+    EXPECT_EQ(wrong.out, "") << c.name;
+    EXPECT_EQ(wrong.err.rfind("usage: veltrix " + c.name, 0), 0u) << c.name << ": " << wrong.err;
+  }
+}
+
 TEST(VeltrixSim, ReportsClashingAdapterPositionsAsAMessage) {
   const struct {
     std::string a, b, err;
