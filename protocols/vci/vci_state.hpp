@@ -21,8 +21,9 @@ struct VciPort {
   VCI_INIT_CONFIG config{};
   bool configured = false;
   std::atomic<bool> run{false};
-  // Guarded by queue_mutex. Never held while the adapter lock is held by this thread
-  // for anything but the pull from the CAN family, which takes it after this one.
+  // Guarded by queue_mutex. Lock order: config_mutex, then queue_mutex, then the CAN
+  // family's own locks (taken inside its calls while frames are pulled). The family's
+  // receive thread never takes either of ours.
   std::mutex queue_mutex;
   RingBuffer<VCI_CAN_OBJ> queue{VCI_QUEUE_SIZE};
 };
