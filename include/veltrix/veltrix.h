@@ -17,5 +17,6 @@
 #include "veltrix/spi.h"
 #include "veltrix/uart.h"
 #include "veltrix/usb_device.h"
+#include "veltrix/vci.h"
 
 #endif

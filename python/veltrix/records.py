@@ -176,6 +176,24 @@ class LDF_CODING(ctypes.Structure):
                 ("SchNum", _i32), ("Reserved3", _i32), ("Schs", ctypes.POINTER(LDF_LIN_SCH))]
 
 
+class VCI_INIT_CONFIG(ctypes.Structure):
+    _fields_ = [("AccCode", _u32), ("AccMask", _u32), ("Reserved", _u32), ("Filter", _u8),
+                ("Timing0", _u8), ("Timing1", _u8), ("Mode", _u8)]
+
+
+class VCI_CAN_OBJ(ctypes.Structure):
+    _fields_ = [("ID", _u32), ("TimeStamp", _u32), ("TimeFlag", _u8), ("SendType", _u8),
+                ("RemoteFlag", _u8), ("ExternFlag", _u8), ("DataLen", _u8), ("Data", _u8 * 8),
+                ("Reserved", _u8 * 3)]
+
+
+class VCI_BOARD_INFO(ctypes.Structure):
+    _fields_ = [("HardwareVersion", _u16), ("FirmwareVersion", _u16), ("DriverVersion", _u16),
+                ("InterfaceVersion", _u16), ("IrqNumber", _u16), ("CanPortCount", _u8),
+                ("SerialNumber", ctypes.c_char * 20), ("HardwareType", ctypes.c_char * 40),
+                ("Reserved", _u16 * 4)]
+
+
 # Families that land later add their records to this module and nothing else changes:
 # every structure defined here whose name a header asserts on is checked.
 RECORDS = {name: obj for name, obj in dict(globals()).items()
