@@ -1,6 +1,7 @@
 #include "tools/canfd_frames.hpp"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -95,6 +96,15 @@ std::string parse_schedule(std::istream& in, bool fd, std::vector<ScheduleEntry>
   size_t line_no = 0;
   while (std::getline(in, line)) {
     ++line_no;
+    // A binary file would otherwise be echoed back byte for byte in the refusal.
+    for (unsigned char c : line) {
+      if ((c < 0x20 && c != '\t' && c != '\r') || c >= 0x7F) {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "0x%02X", c);
+        return "line " + std::to_string(line_no) + ": binary data (byte " + hex +
+               "), not a schedule";
+      }
+    }
     const size_t first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#') continue;
     ScheduleEntry e;

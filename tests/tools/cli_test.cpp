@@ -411,6 +411,12 @@ INSTANTIATE_TEST_SUITE_P(
                 schedule_args("53000001", schedule_file("period_only", "10   \n")), 1,
                 "veltrix can: " + temp_path("period_only") +
                     " line 1: the period has no frame after it.\n"},
+        Refusal{"ScheduleBinary",
+                schedule_args("53000001",
+                              schedule_file("binary", std::string("0 123#01\n\x01\xFF", 11))),
+                1,
+                "veltrix can: " + temp_path("binary") +
+                    " line 2: binary data (byte 0x01), not a schedule.\n"},
         Refusal{"ScheduleEmpty", schedule_args("53000001", schedule_file("empty", "# nothing\n\n")),
                 1, "veltrix can: " + temp_path("empty") + " line 3: the file holds no frame.\n"},
         Refusal{"ReplayFdOnClassic",
