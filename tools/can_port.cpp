@@ -4,6 +4,7 @@
 
 #include "tools/result_text.hpp"
 #include "veltrix/can.h"
+#include "veltrix/canfd.h"
 #include "veltrix/device.h"
 #include "veltrix/usb_device.h"
 
@@ -15,7 +16,8 @@ std::string can_iface_name(uint32_t serial, unsigned port) {
   return name;
 }
 
-bool open_can_port(uint32_t serial, unsigned port, int bitrate) {
+namespace {
+bool open_adapter(uint32_t serial) {
   const int found = USB_ScanDevice(nullptr);
   if (found <= 0 || USB_OpenDevice(serial) != 1) {
     std::fprintf(stderr,
@@ -24,6 +26,29 @@ bool open_can_port(uint32_t serial, unsigned port, int bitrate) {
                  serial);
     return false;
   }
+  return true;
+}
+}  // namespace
+
+bool open_canfd_port(uint32_t serial, unsigned port, int bitrate, int data_bitrate) {
+  if (!open_adapter(serial)) return false;
+  CANFD_CHANNEL_CONFIG c{};
+  if (CANFD_GetCANSpeedArg(serial, &c, bitrate, data_bitrate) != 0) {
+    std::fprintf(stderr,
+                 "veltrix can: adapter %08X has no timing for %d bit/s with %d bit/s data.\n",
+                 serial, bitrate, data_bitrate);
+    return false;
+  }
+  if (int r = CANFD_Init(serial, uint8_t(port), &c); r != 0) {
+    std::fprintf(stderr, "veltrix can: starting port %u of adapter %08X failed: %s.\n", port,
+                 serial, result_text("CAN", r).c_str());
+    return false;
+  }
+  return true;
+}
+
+bool open_can_port(uint32_t serial, unsigned port, int bitrate) {
+  if (!open_adapter(serial)) return false;
   CAN_CHANNEL_CONFIG c{};
   if (CAN_GetCANSpeedArg(serial, &c, bitrate) != 0) {
     std::fprintf(stderr, "veltrix can: adapter %08X has no timing for %d bit/s.\n", serial,

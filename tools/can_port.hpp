@@ -22,6 +22,9 @@ std::string can_iface_name(uint32_t serial, unsigned port);
 // naming what failed on stderr (prefixed "veltrix can: ") and returns false.
 bool open_can_port(uint32_t serial, unsigned port, int bitrate);
 
+// The same for a port of a CAN FD adapter: nominal and data-phase rates in bit/s.
+bool open_canfd_port(uint32_t serial, unsigned port, int bitrate, int data_bitrate);
+
 // candump's ID:MASK acceptance filter: a frame passes when (id & mask) == (ID & mask)
 // and its format (3 or 8 digits) matches.
 struct CanFilter {

@@ -1,9 +1,12 @@
-// veltrix can: classic CAN from the command line, in the habits of the CAN tools.
-//   dump    print received frames as candump log lines (decoded signals on stderr)
-//   log     record received frames to a candump log file
-//   send    send frames given as ID#DATA, ID#R, ID#R{len}
-//   replay  send the frames of a candump log with their original timing
-//   gen     send random or fixed traffic at a rate
+// veltrix can: CAN and CAN FD from the command line, in the habits of the CAN tools.
+//   dump      print received frames as candump log lines (decoded signals on stderr)
+//   log       record received frames to a candump log file
+//   send      send frames given as ID#DATA, ID#R, ID#R{len}, ID##{flags}DATA
+//   replay    send the frames of a candump log with their original timing
+//   gen       send random or fixed traffic at a rate
+//   schedule  load a file of periodic frames into the adapter and start it
+// On a CAN FD adapter (handle 53xxxxxx or 54xxxxxx) every command goes through the CANFD_
+// calls, so classic and CAN FD frames travel alike; a classic adapter takes classic frames.
 // Several commands joined by "+" run in one process: the receivers start first, then the
 // senders run in order. One process matters under veltrix-sim, where every process has
 // its own virtual adapters: a dump and a send of one process see each other's frames.
@@ -16,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -23,11 +27,13 @@
 #include <vector>
 
 #include "tools/can_port.hpp"
+#include "tools/canfd_frames.hpp"
 #include "tools/cli.hpp"
 #include "tools/dbc_print.hpp"
 #include "tools/frame_text.hpp"
 #include "tools/result_text.hpp"
 #include "veltrix/can.h"
+#include "veltrix/canfd.h"
 #include "veltrix/usb_device.h"
 
 namespace {
@@ -45,19 +51,26 @@ const char kUsage[] =
     "       veltrix can send SERIAL PORT --bitrate N FRAME...\n"
     "       veltrix can replay SERIAL PORT --bitrate N FILE [--no-timing]\n"
     "       veltrix can gen SERIAL PORT --bitrate N [--count N] [--gap MS] [--id ID|r]\n"
-    "                       [--len N|r] [--data HEX|r|i] [--extended] [--seed N] [--verbose]\n"
+    "                       [--len N|r] [--data HEX|r|i] [--extended] [--fd] [--seed N]\n"
+    "                       [--verbose]\n"
+    "       veltrix can schedule SERIAL PORT --bitrate N FILE\n"
     "       veltrix can COMMAND ARGS + COMMAND ARGS ...\n"
     "\n"
     "SERIAL is the adapter's handle in hex (veltrix scan), PORT its CAN port (0 or 1).\n"
     "Frames: 123#DEADBEEF (3 hex digits: standard id), 18DAF110#0210C0 (8 digits: extended),\n"
-    "123#R or 123#R4 (remote frame with length). dump and log write candump log lines,\n"
+    "123#R or 123#R4 (remote frame with length), 123##1DEADBEEF (CAN FD: a flags digit, 1 bit\n"
+    "rate switch, 2 error state indicator, then 0-8, 12, 16, 20, 24, 32, 48 or 64 bytes).\n"
+    "CAN FD frames need a CAN FD adapter (53xxxxxx, 54xxxxxx); there every command also takes\n"
+    "--data-bitrate N (default: the --bitrate). dump and log write candump log lines,\n"
     "\"(SECONDS.MICROSECONDS) vxSERIAL-PORT ID#DATA\", with wall-clock time; with --dbc, dump\n"
     "prints each frame's signals on stderr so stdout stays a log. --filter ID:MASK passes a\n"
     "frame when (id & MASK) == (ID & MASK); several filters pass a frame matching any.\n"
     "dump stops after --count frames, after --timeout ms without a frame, or at Ctrl-C.\n"
     "replay sends every frame of the file on this port, waiting the recorded gaps unless\n"
     "--no-timing. gen sends every --gap ms (default 200) --count frames (default: until\n"
-    "Ctrl-C); r is random, i (data) increments; the default is a random id, length and data.\n";
+    "Ctrl-C); r is random, i (data) increments; the default is a random id, length and data;\n"
+    "--fd makes CAN FD frames with the bit rate switch. schedule loads FILE, one \"PERIOD FRAME\"\n"
+    "a line (period in ms, 0: once; # starts a comment line), into the adapter and starts it.\n";
 
 int usage_error(const std::string& why) {
   std::fprintf(stderr, "veltrix can: %s ('veltrix can --help' shows the usage).\n", why.c_str());
@@ -81,6 +94,8 @@ struct Options {
   uint32_t serial = 0;
   unsigned port = 0;
   int bitrate = 0;
+  int data_bitrate = 0;     // CAN FD adapters only
+  bool fd_port = false;     // the adapter is a CAN FD model
   unsigned long count = 0;  // 0: no limit
   long timeout_ms = -1;     // -1: none
   std::vector<CanFilter> filters;
@@ -93,7 +108,7 @@ struct Options {
   unsigned long gap_ms = 200;
   Field id_mode = Field::Random, len_mode = Field::Random, data_mode = Field::Random;
   Frame fixed;
-  bool extended = false, verbose = false;
+  bool extended = false, verbose = false, gen_fd = false;
   unsigned long seed = 0;
   bool seeded = false;
   std::FILE* out = stdout;  // dump, log
@@ -101,9 +116,15 @@ struct Options {
 
 bool is_receiver(const Options& o) { return o.command == "dump" || o.command == "log"; }
 
+std::string classic_adapter(const Options& o, const std::string& what) {
+  char serial[16];
+  std::snprintf(serial, sizeof serial, "%08X", o.serial);
+  return what + " needs a CAN FD adapter (53xxxxxx or 54xxxxxx); " + serial + " has classic ports";
+}
+
 // argv[0] is the command word. Returns an empty string or why the arguments are refused.
 std::string parse_args(int argc, char** argv, Options* o) {
-  static const char* const kCommands[] = {"dump", "log", "send", "replay", "gen"};
+  static const char* const kCommands[] = {"dump", "log", "send", "replay", "gen", "schedule"};
   o->command = argc > 0 ? argv[0] : "";
   bool known = false;
   for (const char* c : kCommands) known = known || o->command == c;
@@ -114,6 +135,7 @@ std::string parse_args(int argc, char** argv, Options* o) {
   if (!parse_number(argv[1], 0xFFFFFFFFul, &v, 16))
     return "'" + std::string(argv[1]) + "' is not a serial number in hex";
   o->serial = uint32_t(v);
+  o->fd_port = is_fd_adapter(o->serial);
   if (!parse_number(argv[2], 1, &v)) return "'" + std::string(argv[2]) + "' is not port 0 or 1";
   o->port = unsigned(v);
   std::vector<std::string> positional;
@@ -125,11 +147,14 @@ std::string parse_args(int argc, char** argv, Options* o) {
       return "'" + std::string(value ? value : "") + "' is not " + what + " for " + a;
     };
     if (a.rfind("--", 0) == 0 && a != "--no-timing" && a != "--extended" && a != "--verbose" &&
-        !has_value)
+        a != "--fd" && !has_value)
       return a + " needs a value";
     if (a == "--bitrate") {
       if (!parse_number(value, 5000000, &v) || v == 0) return bad("a bit rate");
       o->bitrate = int(v);
+    } else if (a == "--data-bitrate") {
+      if (!parse_number(value, 10000000, &v) || v == 0) return bad("a bit rate");
+      o->data_bitrate = int(v);
     } else if (a == "--count") {
       if (!parse_number(value, 0xFFFFFFFFul, &v)) return bad("a count");
       o->count = v;
@@ -145,8 +170,8 @@ std::string parse_args(int argc, char** argv, Options* o) {
     } else if (a == "--no-timing" && o->command == "replay") {
       o->timing = false;
       continue;
-    } else if (o->command == "gen" && (a == "--extended" || a == "--verbose")) {
-      (a == "--extended" ? o->extended : o->verbose) = true;
+    } else if (o->command == "gen" && (a == "--extended" || a == "--verbose" || a == "--fd")) {
+      (a == "--extended" ? o->extended : a == "--fd" ? o->gen_fd : o->verbose) = true;
       continue;
     } else if (o->command == "gen" && a == "--gap") {
       if (!parse_number(value, 3600000, &v)) return bad("a time in ms");
@@ -167,19 +192,19 @@ std::string parse_args(int argc, char** argv, Options* o) {
     } else if (o->command == "gen" && a == "--len") {
       if (std::strcmp(value, "r") == 0) {
         o->len_mode = Field::Random;
-      } else if (parse_number(value, 8, &v)) {
+      } else if (parse_number(value, kFdMaxLen, &v)) {
         o->len_mode = Field::Fixed;
         o->fixed.len = uint8_t(v);
       } else {
-        return bad("a length 0 to 8 or r");
+        return bad("a length 0 to 64 or r");
       }
     } else if (o->command == "gen" && a == "--data") {
       if (std::strcmp(value, "r") == 0 || std::strcmp(value, "i") == 0) {
         o->data_mode = value[0] == 'r' ? Field::Random : Field::Increment;
       } else {
         Frame f;
-        if (!parse_frame("000#" + std::string(value), &f).empty())
-          return bad("hex data (up to 8 bytes), r or i");
+        if (!parse_frame("000##0" + std::string(value), &f).empty())
+          return bad("hex data (up to 64 bytes), r or i");
         o->data_mode = Field::Fixed;
         std::memcpy(o->fixed.data, f.data, sizeof f.data);
         if (o->len_mode == Field::Random) {
@@ -196,15 +221,18 @@ std::string parse_args(int argc, char** argv, Options* o) {
     ++i;
   }
   if (o->bitrate == 0) return o->command + " needs --bitrate";
+  if (o->data_bitrate != 0 && !o->fd_port) return classic_adapter(*o, "--data-bitrate");
+  if (o->data_bitrate == 0) o->data_bitrate = o->bitrate;
   if (o->command == "send") {
     if (positional.empty()) return "send needs at least one frame";
     for (const std::string& p : positional) {
       Frame f;
       if (std::string why = parse_frame(p, &f); !why.empty()) return "frame '" + p + "': " + why;
-      if (f.fd) return "frame '" + p + "' is a CAN FD frame; a classic port sends classic frames";
+      if (f.fd && !o->fd_port) return classic_adapter(*o, "frame '" + p + "'");
+      if (std::string why = check_fd_length(f); !why.empty()) return "frame '" + p + "': " + why;
       o->frames.push_back(f);
     }
-  } else if (o->command == "log" || o->command == "replay") {
+  } else if (o->command == "log" || o->command == "replay" || o->command == "schedule") {
     if (positional.size() != 1) return o->command + " needs exactly one FILE";
     o->file = positional[0];
   } else if (!positional.empty()) {
@@ -212,6 +240,16 @@ std::string parse_args(int argc, char** argv, Options* o) {
   }
   if (o->command == "gen" && !o->extended && o->id_mode == Field::Fixed && o->fixed.id > 0x7FF)
     return "the id is above 7FF; add --extended for a 29-bit id";
+  if (o->command == "gen") {
+    if (o->gen_fd && !o->fd_port) return classic_adapter(*o, "--fd");
+    o->fixed.fd = o->gen_fd;
+    o->fixed.fd_flags = o->gen_fd ? kFdFlagBrs : 0;
+    if (o->len_mode == Field::Fixed && !o->gen_fd && o->fixed.len > kClassicMaxLen)
+      return "a classic frame has at most 8 bytes, not " + std::to_string(o->fixed.len) +
+             "; add --fd for a CAN FD frame";
+    if (o->len_mode == Field::Fixed)
+      if (std::string why = check_fd_length(o->fixed); !why.empty()) return why;
+  }
   return {};
 }
 
@@ -231,7 +269,8 @@ bool read_replay_file(Options& o, std::vector<uint64_t>* times_us) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     LogLine l;
     std::string why = parse_log_line(line, &l);
-    if (why.empty() && l.frame.fd) why = "a CAN FD frame cannot be replayed on a classic port";
+    if (why.empty() && l.frame.fd && !o.fd_port) why = "a CAN FD frame needs a CAN FD adapter";
+    if (why.empty()) why = check_fd_length(l.frame);
     if (why.empty() && o.timing && !l.has_time) why = "the line has no time (use --no-timing)";
     if (!why.empty()) {
       std::fprintf(stderr, "veltrix can: %s line %zu: %s.\n", o.file.c_str(), line_no, why.c_str());
@@ -253,6 +292,11 @@ bool read_replay_file(Options& o, std::vector<uint64_t>* times_us) {
   return true;
 }
 
+bool open_port(const Options& o) {
+  return o.fd_port ? open_canfd_port(o.serial, o.port, o.bitrate, o.data_bitrate)
+                   : open_can_port(o.serial, o.port, o.bitrate);
+}
+
 int receiver_prepare(Options& o) {
   if (!o.dbc_path.empty()) {
     o.db = open_database("can", o.dbc_path.c_str());
@@ -266,8 +310,10 @@ int receiver_prepare(Options& o) {
       return 1;
     }
   }
-  if (!open_can_port(o.serial, o.port, o.bitrate)) return 1;
-  if (int r = CAN_StartGetMsg(o.serial, uint8_t(o.port)); r != 0) {
+  if (!open_port(o)) return 1;
+  const uint8_t port = uint8_t(o.port);
+  if (int r = o.fd_port ? CANFD_StartGetMsg(o.serial, port) : CAN_StartGetMsg(o.serial, port);
+      r != 0) {
     std::fprintf(stderr, "veltrix can: reception on port %u cannot start: %s.\n", o.port,
                  result_text("CAN", r).c_str());
     return 1;
@@ -275,28 +321,70 @@ int receiver_prepare(Options& o) {
   return 0;
 }
 
+struct Received {
+  Frame frame;
+  uint32_t ticks = 0;  // the adapter's 100 us counter
+};
+
+// What the port has received since the last call, in either record; the buffers hold a
+// whole queue.
+class Receiver {
+ public:
+  explicit Receiver(const Options& o) : o_(o) {
+    if (o.fd_port)
+      fd_.resize(CANFD_MSG_QUEUE_SIZE);
+    else
+      classic_.resize(CAN_MSG_QUEUE_SIZE);
+    got_.reserve(o.fd_port ? fd_.size() : classic_.size());
+  }
+
+  // The frames, or nullptr with *code set when the library reports a failure.
+  const std::vector<Received>* take(int* code) {
+    got_.clear();
+    const uint8_t port = uint8_t(o_.port);
+    const int n = o_.fd_port
+                      ? CANFD_GetMsg(o_.serial, port, fd_.data(), int(fd_.size()))
+                      : CAN_GetMsgWithSize(o_.serial, port, classic_.data(), int(classic_.size()));
+    *code = n;
+    if (n < 0) return nullptr;
+    for (size_t i = 0; i < size_t(n); ++i) {
+      if (o_.fd_port)
+        got_.push_back({from_canfd_msg(fd_[i]), canfd_ticks(fd_[i])});
+      else
+        got_.push_back({from_can_msg(classic_[i]), classic_[i].TimeStamp});
+    }
+    return &got_;
+  }
+
+ private:
+  const Options& o_;
+  std::vector<CAN_MSG> classic_;
+  std::vector<CANFD_MSG> fd_;
+  std::vector<Received> got_;
+};
+
 int receiver_loop(Options& o) {
-  std::vector<CAN_MSG> rx(CAN_MSG_QUEUE_SIZE);
+  Receiver receiver(o);
   CanReceiveClock clock(o.serial);
   const std::string iface = can_iface_name(o.serial, o.port);
   unsigned long written = 0;
   auto last = std::chrono::steady_clock::now();
   int status = 0;
   while (!g_stop && (o.count == 0 || written < o.count)) {
-    const int n = CAN_GetMsgWithSize(o.serial, uint8_t(o.port), rx.data(), int(rx.size()));
-    if (n < 0) {
+    int n = 0;
+    const std::vector<Received>* got = receiver.take(&n);
+    if (got == nullptr) {
       std::fprintf(stderr, "veltrix can: reception on port %u failed: %s.\n", o.port,
                    result_text("CAN", n).c_str());
       status = 1;
       break;
     }
-    for (int i = 0; i < n && (o.count == 0 || written < o.count); ++i) {
-      const CAN_MSG& m = rx[size_t(i)];
-      const Frame f = from_can_msg(m);
+    for (size_t i = 0; i < got->size() && (o.count == 0 || written < o.count); ++i) {
+      const Frame& f = (*got)[i].frame;
       if (!passes(o.filters, f)) continue;
       uint64_t sec = 0;
       uint32_t usec = 0;
-      clock.stamp(m.TimeStamp, &sec, &usec);
+      clock.stamp((*got)[i].ticks, &sec, &usec);
       std::fprintf(o.out, "%s\n", format_log_line(sec, usec, iface, f).c_str());
       ++written;
       if (o.db && !f.remote) {
@@ -315,7 +403,10 @@ int receiver_loop(Options& o) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   }
-  CAN_Stop(o.serial, uint8_t(o.port));
+  if (o.fd_port)
+    CANFD_Stop(o.serial, uint8_t(o.port));
+  else
+    CAN_Stop(o.serial, uint8_t(o.port));
   if (o.out != stdout && std::fclose(o.out) != 0) {
     std::fprintf(stderr, "veltrix can: writing %s failed.\n", o.file.c_str());
     status = 1;
@@ -323,31 +414,43 @@ int receiver_loop(Options& o) {
   return status;
 }
 
-int send_frames(const Options& o, const std::vector<Frame>& frames) {
+// Classic adapters take CAN_MSG records; CAN FD adapters count the transmit events read
+// back, one per frame on the bus.
+int transmit(const Options& o, const std::vector<Frame>& frames) {
+  const uint8_t port = uint8_t(o.port);
+  if (o.fd_port) {
+    std::vector<CANFD_MSG> tx(frames.size());
+    for (size_t i = 0; i < frames.size(); ++i) tx[i] = to_canfd_msg(frames[i]);
+    return CANFD_SendMsg(o.serial, port, tx.data(), unsigned(tx.size()));
+  }
   std::vector<CAN_MSG> tx(frames.size());
   for (size_t i = 0; i < frames.size(); ++i) to_can_msg(frames[i], &tx[i]);
-  const int r = CAN_SendMsgSynch(o.serial, uint8_t(o.port), tx.data(), unsigned(tx.size()));
+  return CAN_SendMsgSynch(o.serial, port, tx.data(), unsigned(tx.size()));
+}
+
+int send_frames(const Options& o, const std::vector<Frame>& frames) {
+  const int r = transmit(o, frames);
   if (r < 0) {
     std::fprintf(stderr, "veltrix can: sending on port %u failed: %s.\n", o.port,
                  result_text("CAN", r).c_str());
     return 1;
   }
-  if (size_t(r) != tx.size()) {
-    std::fprintf(stderr, "veltrix can: only %d of %zu frames reached the bus.\n", r, tx.size());
+  if (size_t(r) != frames.size()) {
+    std::fprintf(stderr, "veltrix can: only %d of %zu frames reached the bus.\n", r, frames.size());
     return 1;
   }
   return 0;
 }
 
 int send(const Options& o) {
-  if (!open_can_port(o.serial, o.port, o.bitrate)) return 1;
+  if (!open_port(o)) return 1;
   return send_frames(o, o.frames);
 }
 
 int replay(Options& o) {
   std::vector<uint64_t> times;
   if (!read_replay_file(o, &times)) return 1;
-  if (!open_can_port(o.serial, o.port, o.bitrate)) return 1;
+  if (!open_port(o)) return 1;
   const auto start = std::chrono::steady_clock::now();
   for (size_t at = 0; at < o.frames.size() && !g_stop;) {
     // Frames already due go out together; the first one waits for its recorded gap.
@@ -370,7 +473,7 @@ int replay(Options& o) {
 }
 
 int gen(const Options& o) {
-  if (!open_can_port(o.serial, o.port, o.bitrate)) return 1;
+  if (!open_port(o)) return 1;
   const unsigned long seed = o.seeded ? o.seed : unsigned(std::random_device{}());
   std::mt19937 rng{uint32_t(seed)};
   if (o.verbose) std::printf("seed %lu\n", seed);
@@ -379,7 +482,11 @@ int gen(const Options& o) {
   uint64_t counter = 0;
   for (unsigned long sent = 0; !g_stop && (o.count == 0 || sent < o.count); ++sent) {
     if (o.id_mode == Field::Random) f.id = uint32_t(rng()) & (o.extended ? 0x1FFFFFFFu : 0x7FFu);
-    if (o.len_mode == Field::Random) f.len = uint8_t(rng() % 9);
+    if (o.len_mode == Field::Random) {
+      static constexpr uint8_t kFdLengths[] = {0, 1,  2,  3,  4,  5,  6,  7,
+                                               8, 12, 16, 20, 24, 32, 48, 64};
+      f.len = o.gen_fd ? kFdLengths[rng() % std::size(kFdLengths)] : uint8_t(rng() % 9);
+    }
     if (o.data_mode == Field::Random) {
       for (uint8_t& b : f.data) b = uint8_t(rng());
     } else if (o.data_mode == Field::Increment) {
@@ -392,6 +499,57 @@ int gen(const Options& o) {
     if (o.gap_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.gap_ms));
   }
   std::fflush(stdout);
+  return 0;
+}
+
+// Frames in tables of at most 255 (a table's count is one byte), all started together.
+int schedule(const Options& o) {
+  std::ifstream in(o.file, std::ios::binary);
+  if (!in) {
+    std::fprintf(stderr, "veltrix can: cannot open %s: %s.\n", o.file.c_str(),
+                 std::strerror(errno));
+    return 1;
+  }
+  std::vector<ScheduleEntry> entries;
+  if (std::string why = parse_schedule(in, o.fd_port, &entries); !why.empty()) {
+    std::fprintf(stderr, "veltrix can: %s %s.\n", o.file.c_str(), why.c_str());
+    return 1;
+  }
+  if (!open_port(o)) return 1;
+  std::vector<unsigned char> counts;
+  for (size_t left = entries.size(); left > 0; left -= counts.back())
+    counts.push_back(uint8_t(std::min(left, kScheduleTableMax)));
+  std::vector<unsigned char> params(counts.size() * 2, 0);
+  const uint8_t port = uint8_t(o.port), tables = uint8_t(counts.size());
+  int r = 0;
+  if (o.fd_port) {
+    std::vector<CANFD_MSG> msgs(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+      msgs[i] = to_canfd_msg(entries[i].frame);
+      msgs[i].TimeStamp = entries[i].period_ms;
+    }
+    r = CANFD_SetSchedule(o.serial, port, msgs.data(), counts.data(), params.data(), tables);
+  } else {
+    std::vector<CAN_MSG> msgs(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+      to_can_msg(entries[i].frame, &msgs[i]);
+      msgs[i].TimeStamp = entries[i].period_ms;
+    }
+    r = CAN_SetSchedule(o.serial, port, msgs.data(), counts.data(), params.data(), tables);
+  }
+  if (r != 0) {
+    std::fprintf(stderr, "veltrix can: loading the schedule on port %u failed: %s.\n", o.port,
+                 result_text("CAN", r).c_str());
+    return 1;
+  }
+  // Option 1 0xFF runs every table loaded.
+  r = o.fd_port ? CANFD_StartSchedule(o.serial, port, 0xFF, 0, 0)
+                : CAN_StartSchedule(o.serial, port, 0xFF, 0, 0);
+  if (r != 0) {
+    std::fprintf(stderr, "veltrix can: starting the schedule on port %u failed: %s.\n", o.port,
+                 result_text("CAN", r).c_str());
+    return 1;
+  }
   return 0;
 }
 
@@ -436,6 +594,8 @@ int cmd_can(int argc, char** argv) {
       status = send(o);
     else if (o.command == "replay")
       status = replay(o);
+    else if (o.command == "schedule")
+      status = schedule(o);
     else
       status = gen(o);
   }

@@ -46,7 +46,8 @@ void write_file(const std::string& path, const std::string& text) {
 Result run(const std::vector<std::string>& argv, bool sim = false, const std::string& input = "") {
   const std::string in = temp_path("stdin"), out = temp_path("stdout"), err = temp_path("stderr");
   write_file(in, input);
-  std::string cmd = sim ? quote(kSim) + " --adapter 51000001@1 --" : "";
+  // A classic adapter and a CAN FD one.
+  std::string cmd = sim ? quote(kSim) + " --adapter 51000001@1 --adapter 53000001@2 --" : "";
   for (const std::string& a : argv) cmd += " " + quote(a);
   cmd += " <" + quote(in) + " >" + quote(out) + " 2>" + quote(err);
   const int raw = std::system(cmd.c_str());
@@ -64,8 +65,9 @@ std::vector<std::string> lines(const std::string& text) {
   return v;
 }
 
-// "(1795409783.192493) vx51000001-1 " prefix with wall-clock time in the last year or so.
-const std::regex kLogPrefix(R"(^\((17|18|19)\d{8}\.\d{6}\) vx51000001-1 )");
+// "(1795409783.192493) vx51000001-1 " prefix with wall-clock time in the last year or so,
+// from port 1 of either adapter.
+const std::regex kLogPrefix(R"(^\((17|18|19)\d{8}\.\d{6}\) vx5[13]000001-1 )");
 
 // The frame words of candump log lines, checking each line's prefix.
 std::vector<std::string> logged_frames(const std::string& text) {
@@ -98,12 +100,15 @@ TEST(CliCan, DumpWritesCandumpLogLinesOfWhatCrossesTheCable) {
             (std::vector<std::string>{"123#DEADBEEF", "18DAF110#0210C0", "7DF#R", "7DF#R3"}));
 }
 
+// The refused frames go out between the passed ones, so a filter that let one through
+// would show it within the count.
 TEST(CliCan, FiltersPassOnlyMatchingIdsOfTheirFormat) {
-  Result r = run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--timeout", "1500",
-                          "--filter", "120:7F0", "--filter", "18DAF100:1FFFFF00"},
-                         {"send", "51000001", "0", "--bitrate", "500000", "123#01", "223#02",
-                          "00000123#03", "18DAF1F1#04", "12F#05"}),
-                 true);
+  Result r =
+      run(can_cmd({"dump", "51000001", "1", "--bitrate", "500000", "--count", "3", "--timeout",
+                   "5000", "--filter", "120:7F0", "--filter", "18DAF100:1FFFFF00"},
+                  {"send", "51000001", "0", "--bitrate", "500000", "123#01", "223#02",
+                   "00000123#03", "18DAF1F1#04", "12F#05"}),
+          true);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(logged_frames(r.out), (std::vector<std::string>{"123#01", "18DAF1F1#04", "12F#05"}));
 }
@@ -227,8 +232,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"FdOnClassicPort",
                 {"can", "send", "51000001", "0", "--bitrate", "500000", "123##1AA"},
                 2,
-                "veltrix can: frame '123##1AA' is a CAN FD frame; a classic port sends classic "
-                "frames ('veltrix can --help' shows the usage).\n"},
+                "veltrix can: frame '123##1AA' needs a CAN FD adapter (53xxxxxx or 54xxxxxx); "
+                "51000001 has classic ports ('veltrix can --help' shows the usage).\n"},
         Refusal{"NoBitrate",
                 {"can", "dump", "51000001", "0"},
                 2,
@@ -251,6 +256,178 @@ INSTANTIATE_TEST_SUITE_P(
                 {"frobnicate"},
                 2,
                 "veltrix: unknown command 'frobnicate' ('veltrix --help' lists the commands).\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- CAN FD adapters ------------------------------------------------------------------
+
+const std::string kBytes64 =
+    "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F"
+    "202122232425262728292A2B2C2D2E2F303132333435363738393A3B3C3D3E3F";
+
+std::vector<std::string> fd_dump(const std::string& count) {
+  return {"dump",    "53000001", "1",   "--bitrate", "500000", "--data-bitrate",
+          "2000000", "--count",  count, "--timeout", "3000"};
+}
+
+std::vector<std::string> fd_sender(const std::string& command, std::vector<std::string> rest) {
+  std::vector<std::string> argv = {command,  "53000001",       "0",      "--bitrate",
+                                   "500000", "--data-bitrate", "2000000"};
+  argv.insert(argv.end(), rest.begin(), rest.end());
+  return argv;
+}
+
+TEST(CliCanFd, DumpPrintsFdAndClassicFramesAsTheyCrossTheCable) {
+  // A frame above 8 bytes goes out with the bit rate switch even when its flags lack it.
+  Result r = run(can_cmd(fd_dump("5"), fd_sender("send", {"123##1" + kBytes64,
+                                                          "18DAF110##0" + kBytes64.substr(0, 24),
+                                                          "456##0AABB", "123#DEADBEEF", "7DF#R2"})),
+                 true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(logged_frames(r.out),
+            (std::vector<std::string>{"123##1" + kBytes64, "18DAF110##1" + kBytes64.substr(0, 24),
+                                      "456##0AABB", "123#DEADBEEF", "7DF#R2"}));
+}
+
+TEST(CliCanFd, LoggedFdFramesReplayAsRecorded) {
+  const std::string log = temp_path("fd.log");
+  Result rec = run(can_cmd({"log", "53000001", "1", "--bitrate", "500000", "--data-bitrate",
+                            "2000000", log, "--count", "3", "--timeout", "3000"},
+                           fd_sender("send", {"0ABCDEF0##1" + kBytes64.substr(0, 32), "321#01",
+                                              "7FF##1" + kBytes64})),
+                   true);
+  ASSERT_EQ(rec.status, 0) << rec.err;
+  const std::vector<std::string> sent = {"0ABCDEF0##1" + kBytes64.substr(0, 32), "321#01",
+                                         "7FF##1" + kBytes64};
+  EXPECT_EQ(logged_frames(slurp(log)), sent);
+
+  Result again = run(can_cmd(fd_dump("3"), fd_sender("replay", {log, "--no-timing"})), true);
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(logged_frames(again.out), sent);
+}
+
+TEST(CliCanFd, GenFdSendsWhatItPrints) {
+  Result r = run(can_cmd(fd_dump("3"), fd_sender("gen", {"--fd", "--count", "3", "--gap", "0",
+                                                         "--id", "1A5", "--len", "12", "--data",
+                                                         "i", "--seed", "1", "--verbose"})),
+                 true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::vector<std::string> printed;
+  std::string logged;
+  for (const std::string& l : lines(r.out)) {
+    if (!l.empty() && l[0] == '(')
+      logged += l + "\n";
+    else
+      printed.push_back(l);
+  }
+  const std::vector<std::string> frames = {"1A5##1000000000000000000000000",
+                                           "1A5##1010000000000000000000000",
+                                           "1A5##1020000000000000000000000"};
+  std::vector<std::string> expected = {"seed 1"};
+  expected.insert(expected.end(), frames.begin(), frames.end());
+  EXPECT_EQ(printed, expected);
+  EXPECT_EQ(logged_frames(logged), frames);
+}
+
+// A schedule file runs on the adapter by itself: frames of period 0 go out once at the
+// start, the periodic one again and again.
+TEST(CliCanFd, ScheduleFileRunsOnBothAdapterKinds) {
+  const std::string fd_file = temp_path("fd.schedule");
+  write_file(fd_file, "# period_ms frame\n\n0 123##1" + kBytes64.substr(0, 32) + "\n");
+  Result fd = run(can_cmd(fd_dump("1"), fd_sender("schedule", {fd_file})), true);
+  EXPECT_EQ(fd.status, 0) << fd.err;
+  EXPECT_EQ(logged_frames(fd.out), (std::vector<std::string>{"123##1" + kBytes64.substr(0, 32)}));
+
+  const std::string periodic = temp_path("periodic.schedule");
+  write_file(periodic, "5 18DAF110#0102\r\n");
+  Result classic = run(
+      can_cmd({"dump", "51000001", "1", "--bitrate", "250000", "--count", "3", "--timeout", "3000"},
+              {"schedule", "51000001", "0", "--bitrate", "250000", periodic}),
+      true);
+  EXPECT_EQ(classic.status, 0) << classic.err;
+  EXPECT_EQ(logged_frames(classic.out),
+            (std::vector<std::string>{"18DAF110#0102", "18DAF110#0102", "18DAF110#0102"}));
+}
+
+std::string schedule_file(const std::string& name, const std::string& text) {
+  const std::string p = temp_path(name);
+  write_file(p, text);
+  return p;
+}
+
+std::vector<std::string> schedule_args(const std::string& serial, const std::string& file) {
+  return {"can", "schedule", serial, "0", "--bitrate", "500000", file};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CanFd, CliRefusals,
+    ::testing::Values(
+        Refusal{"FdLengthThirteen",
+                {"can", "send", "53000001", "0", "--bitrate", "500000",
+                 "123##1" + kBytes64.substr(0, 26)},
+                2,
+                "veltrix can: frame '123##1" + kBytes64.substr(0, 26) +
+                    "': a CAN FD frame carries 0 to 8, 12, 16, 20, 24, 32, 48 or 64 bytes, not "
+                    "13 ('veltrix can --help' shows the usage).\n"},
+        Refusal{"DataBitrateOnClassic",
+                {"can", "send", "51000001", "0", "--bitrate", "500000", "--data-bitrate", "2000000",
+                 "123#00"},
+                2,
+                "veltrix can: --data-bitrate needs a CAN FD adapter (53xxxxxx or 54xxxxxx); "
+                "51000001 has classic ports ('veltrix can --help' shows the usage).\n"},
+        Refusal{"GenFdOnClassic",
+                {"can", "gen", "51000001", "0", "--bitrate", "500000", "--fd"},
+                2,
+                "veltrix can: --fd needs a CAN FD adapter (53xxxxxx or 54xxxxxx); 51000001 has "
+                "classic ports ('veltrix can --help' shows the usage).\n"},
+        Refusal{"GenLongClassic",
+                {"can", "gen", "53000001", "0", "--bitrate", "500000", "--len", "12"},
+                2,
+                "veltrix can: a classic frame has at most 8 bytes, not 12; add --fd for a CAN "
+                "FD frame ('veltrix can --help' shows the usage).\n"},
+        Refusal{"DataRateNotInTable",
+                {"can", "send", "53000001", "0", "--bitrate", "500000", "--data-bitrate", "2500000",
+                 "123#00"},
+                1,
+                "veltrix can: adapter 53000001 has no timing for 500000 bit/s with 2500000 "
+                "bit/s data.\n"},
+        Refusal{"ScheduleWithoutFile",
+                {"can", "schedule", "53000001", "0", "--bitrate", "500000"},
+                2,
+                "veltrix can: schedule needs exactly one FILE ('veltrix can --help' shows the "
+                "usage).\n"},
+        Refusal{"ScheduleFileMissing", schedule_args("53000001", "/nonexistent/x.schedule"), 1,
+                "veltrix can: cannot open /nonexistent/x.schedule: No such file or directory.\n"},
+        Refusal{"ScheduleBadPeriod",
+                schedule_args("53000001", schedule_file("bad_period", "0 123#01\n-5 123#02\n")), 1,
+                "veltrix can: " + temp_path("bad_period") +
+                    " line 2: the period '-5' is not a time in ms (0 to 4294967295).\n"},
+        Refusal{"ScheduleFdOnClassic",
+                schedule_args("51000001", schedule_file("fd_on_classic", "# x\n10 123##1AA\n")), 1,
+                "veltrix can: " + temp_path("fd_on_classic") +
+                    " line 2: a CAN FD frame needs a CAN FD adapter.\n"},
+        Refusal{"ScheduleTwoFrames",
+                schedule_args("53000001", schedule_file("two_frames", "10 123#01 123#02\n")), 1,
+                "veltrix can: " + temp_path("two_frames") +
+                    " line 1: a line holds one period and one frame.\n"},
+        Refusal{"SchedulePeriodOnly",
+                schedule_args("53000001", schedule_file("period_only", "10   \n")), 1,
+                "veltrix can: " + temp_path("period_only") +
+                    " line 1: the period has no frame after it.\n"},
+        Refusal{"ScheduleBinary",
+                schedule_args("53000001",
+                              schedule_file("binary", std::string("0 123#01\n\x01\xFF", 11))),
+                1,
+                "veltrix can: " + temp_path("binary") +
+                    " line 2: binary data (byte 0x01), not a schedule.\n"},
+        Refusal{"ScheduleEmpty", schedule_args("53000001", schedule_file("empty", "# nothing\n\n")),
+                1, "veltrix can: " + temp_path("empty") + " line 3: the file holds no frame.\n"},
+        Refusal{"ReplayFdOnClassic",
+                {"can", "replay", "51000001", "0", "--bitrate", "500000", "--no-timing",
+                 schedule_file("fd_replay.log", "(1700000000.000000) can0 123##1AABB\n")},
+                1,
+                "veltrix can: " + temp_path("fd_replay.log") +
+                    " line 1: a CAN FD frame needs a CAN FD adapter.\n"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(CliDbc, DecodeReadsBothCandumpFormsAndReportsShortFrames) {
