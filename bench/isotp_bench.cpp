@@ -1,6 +1,7 @@
 // ISO-TP: the segmenter and reassembler on the host alone (frames per second), and a
 // 4095-byte request and its 4095-byte echo end to end against the virtual diagnostic ECU,
-// compared with the time the same frames need on a 500 kbit/s bus.
+// compared with the time the same frames need on a 500 kbit/s bus, in classic frames and
+// in 64-byte CAN FD frames at 500 kbit/s / 2 Mbit/s.
 #include <benchmark/benchmark.h>
 #include <time.h>
 
@@ -16,6 +17,7 @@
 #include "sim/uds_server.hpp"
 #include "veltrix/can.h"
 #include "veltrix/can_uds.h"
+#include "veltrix/canfd.h"
 #include "veltrix/usb_device.h"
 
 namespace {
@@ -23,6 +25,7 @@ namespace {
 using namespace veltrix;
 
 constexpr uint32_t kSerial = 0x31000001;
+constexpr uint32_t kFdSerial = 0x53000002;
 constexpr uint32_t kMessage = 4095;
 
 std::vector<uint8_t> message() {
@@ -66,22 +69,31 @@ void BM_SegmentAndReassemble(benchmark::State& state) {
 BENCHMARK(BM_SegmentAndReassemble)->Args({8, 0})->Args({8, 1})->Args({64, 0});
 
 std::shared_ptr<sim::Model> g_model;
+std::shared_ptr<sim::Model> g_fd_model;
+
+std::shared_ptr<sim::Model> add_echo_server(uint32_t serial, uint8_t frame_length) {
+  sim::Identity id;
+  id.serial = serial;
+  auto m = sim::Testbed::instance().add_adapter(id);
+  std::scoped_lock g(sim::sim_mutex());
+  sim::uds_server(*m).enabled = true;
+  sim::uds_server(*m).echo = true;
+  sim::uds_server(*m).frame_length = frame_length;
+  return m;
+}
 
 void setup_once() {
   static bool done = [] {
-    sim::Identity id;
-    id.serial = kSerial;
-    g_model = sim::Testbed::instance().add_adapter(id);
-    {
-      std::scoped_lock g(sim::sim_mutex());
-      sim::uds_server(*g_model).enabled = true;
-      sim::uds_server(*g_model).echo = true;
-    }
+    g_model = add_echo_server(kSerial, 8);
+    g_fd_model = add_echo_server(kFdSerial, 64);
     USB_ScanDevice(nullptr);
-    if (USB_OpenDevice(kSerial) != 1) return false;
+    if (USB_OpenDevice(kSerial) != 1 || USB_OpenDevice(kFdSerial) != 1) return false;
     CAN_CHANNEL_CONFIG c{};
     CAN_GetCANSpeedArg(kSerial, &c, 500000);
-    return CAN_Init(kSerial, 0, &c) == 0 && CAN_StartGetMsg(kSerial, 0) == 0;
+    CANFD_CHANNEL_CONFIG fc{};
+    if (CANFD_GetCANSpeedArg(kFdSerial, &fc, 500000, 2000000) != 0) return false;
+    return CAN_Init(kSerial, 0, &c) == 0 && CAN_StartGetMsg(kSerial, 0) == 0 &&
+           CANFD_Init(kFdSerial, 0, &fc) == 0 && CANFD_StartGetMsg(kFdSerial, 0) == 0;
   }();
   if (!done) std::abort();
 }
@@ -96,32 +108,55 @@ double thread_cpu_s() {
 // interframe space, stuff bits not counted (the bus limit is thus a lower bound).
 constexpr double kClassicFrameBits = 114;
 
-void BM_RequestAndEcho4095Classic500k(benchmark::State& state) {
+// A 64-byte CAN FD frame with an 11-bit identifier and bit rate switching: 29 bits at the
+// nominal rate (SOF, identifier, RRS, IDE, FDF, res, BRS; ACK, its delimiter, EOF and
+// interframe space) and 543 at the data rate (ESI, DLC, 512 data bits, stuff count, the
+// 21-bit CRC and its delimiter). Stuff bits are not counted here either.
+constexpr double kFdNominalBits = 29;
+constexpr double kFdDataBits = 543;
+
+// Request and echo of kMessage bytes; the counters relate the wall time to the bus time
+// of the frames exchanged (the message's frames and one flow control each way).
+void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, double frame_s) {
   setup_once();
   const std::vector<uint8_t> msg = message();
   std::vector<uint8_t> out(kMessage + 1);
-  CAN_UDS_ADDR a{0x7E0, 0x7E8, 0, 0, 0, 8};
+  const bool fd = serial == kFdSerial;
   double cpu = 0, wall = 0;
   for (auto _ : state) {
     const auto w0 = std::chrono::steady_clock::now();
     const double c0 = thread_cpu_s();
-    if (CAN_UDS_Request(kSerial, 0, &a, msg.data(), int(kMessage)) != 0) std::abort();
-    const int n = CAN_UDS_ResponseWithSize(kSerial, 0, &a, out.data(), unsigned(out.size()), 5000);
+    if (CAN_UDS_Request(serial, 0, &a, msg.data(), int(kMessage)) != 0) std::abort();
+    const int n = CAN_UDS_ResponseWithSize(serial, 0, &a, out.data(), unsigned(out.size()), 5000);
     cpu += thread_cpu_s() - c0;
     wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - w0).count();
     if (n != int(kMessage) || std::memcmp(out.data(), msg.data(), kMessage) != 0) std::abort();
-    CAN_ClearMsg(kSerial, 0);  // the echoes of our own frames
+    fd ? CANFD_ClearMsg(serial, 0) : CAN_ClearMsg(serial, 0);  // the echoes of our own frames
   }
-  // Each direction: the message's frames and one flow control.
-  const double frames = 2.0 * double(frames_of(isotp::plan(8, false), kMessage) + 1);
-  const double bus_s = frames * kClassicFrameBits / 500000.0;
+  const double frames =
+      2.0 * double(frames_of(isotp::plan(a.FrameLength, a.ExtAddressing != 0), kMessage) + 1);
+  const double bus_s = frames * frame_s;
+  state.counters["frames"] = frames;
   state.counters["bus_limit_ms"] = bus_s * 1e3;
   const double iterations = double(state.iterations());
   state.counters["ratio_to_bus"] = wall / iterations / bus_s;
   state.counters["caller_cpu_ms"] = cpu * 1e3 / iterations;
   state.counters["caller_cpu_share_of_bus"] = cpu / iterations / bus_s;
 }
+
+void BM_RequestAndEcho4095Classic500k(benchmark::State& state) {
+  request_and_echo(state, kSerial, {0x7E0, 0x7E8, 0, 0, 0, 8}, kClassicFrameBits / 500000.0);
+}
 BENCHMARK(BM_RequestAndEcho4095Classic500k)
+    ->Iterations(20)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+void BM_RequestAndEcho4095Fd500k2M(benchmark::State& state) {
+  request_and_echo(state, kFdSerial, {0x7E0, 0x7E8, CAN_UDS_ID_BRS | CAN_UDS_ID_FD, 0, 0, 64},
+                   kFdNominalBits / 500000.0 + kFdDataBits / 2000000.0);
+}
+BENCHMARK(BM_RequestAndEcho4095Fd500k2M)
     ->Iterations(20)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

@@ -1,5 +1,6 @@
-// The ISO-TP client over a classic CAN port: the frame helpers between the segmenter and
-// the CAN family (send with retry and echo, read the ISO-TP queue, await flow control).
+// The ISO-TP client over a CAN or CAN FD port: the frame helpers between the segmenter and
+// the CAN families (send with retry and echo, read the ISO-TP queue, await flow control).
+// Handles of the CAN FD models go through CANFD_MSG records and the CANFD_ calls.
 // Reachable by tests through the static library; not exported.
 #pragma once
 
@@ -8,6 +9,7 @@
 
 #include "veltrix/can.h"
 #include "veltrix/can_uds.h"
+#include "veltrix/canfd.h"
 
 namespace veltrix::isotp {
 
@@ -29,6 +31,8 @@ int CAN_UDS_SendMsg(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, const uint8
 // A batch of prepared frames: 0 when all, or only some, went (a partial batch is not
 // echoed); -98 or -99.
 int CAN_UDS_SendCANMsg(uint32_t h, uint8_t port, std::span<CAN_MSG> frames);
+// The same for a CAN FD port's records.
+int CAN_UDS_SendCANFDMsg(uint32_t h, uint8_t port, std::span<CANFD_MSG> frames);
 // The next frame of ResponseID from the ISO-TP queue: its length (out holds 64 bytes),
 // or 0 when none is waiting.
 int CAN_UDS_GetMsg(uint32_t h, uint8_t port, const CAN_UDS_ADDR& a, uint8_t* out);

@@ -100,30 +100,39 @@ bool deliver(Model& m, unsigned from, FdFrame& f) {
   CanFdPortModel& tx = fd.ports[from];
   const unsigned to = from ^ 1;
   CanFdPortModel& peer = fd.ports[to];
-  if (!can_bus(m).cable || tx.nominal_rate == 0) {
+  if (tx.nominal_rate == 0) {
     count_tx_error(tx, kLecAck);
     return false;
   }
   f.time = now_10us(m);
-  if (peer.running && peer.nominal_rate == tx.nominal_rate &&
-      (!f.brs || peer.data_rate == tx.data_rate)) {
-    receive(peer, f);
-  } else {
-    ClassicOffer o = can_offer_from_fd(m, to, to_classic(f), f.fdf, tx.nominal_rate);
-    if (o == ClassicOffer::NotThere) {
-      count_tx_error(tx, kLecAck);
-      return false;
+  bool acked = false;
+  if (can_bus(m).cable) {
+    if (peer.running && peer.nominal_rate == tx.nominal_rate &&
+        (!f.brs || peer.data_rate == tx.data_rate)) {
+      receive(peer, f);
+      acked = true;
+    } else {
+      ClassicOffer o = can_offer_from_fd(m, to, to_classic(f), f.fdf, tx.nominal_rate);
+      if (o == ClassicOffer::FormError) {
+        count_tx_error(tx, kLecForm);
+        return false;
+      }
+      acked = o == ClassicOffer::Taken;
     }
-    if (o == ClassicOffer::FormError) {
-      count_tx_error(tx, kLecForm);
-      return false;
-    }
+  }
+  // Other nodes on the bus (a diagnostic server) acknowledge while present and see every
+  // frame that was sent.
+  for (const FdNode& node : fd.nodes) acked = acked || node.present(m);
+  if (!acked) {
+    count_tx_error(tx, kLecAck);
+    return false;
   }
   if (tx.tec) --tx.tec;
   tx.last_error = 0;
   tx.sent.push_back(f);
   if (tx.sent.size() > kSentLog) tx.sent.pop_front();
   if (!tx.drop_events) tx.events.push_back(f);
+  for (const FdNode& node : fd.nodes) node.on_frame(m, from, f);
   return true;
 }
 
@@ -320,6 +329,13 @@ bool canfd_offer_classic(Model& m, unsigned port, const CanFrame& c, uint32_t ra
 bool canfd_put_on_bus(Model& m, unsigned from, FdFrame f) {
   if (from >= kCanPorts || !canfd_bus(m).ports[from].running) return false;
   return deliver(m, from, f);
+}
+
+void canfd_deliver(Model& m, unsigned port, FdFrame f) {
+  CanFdPortModel& p = canfd_bus(m).ports.at(port);
+  if (!p.running) return;
+  f.time = now_10us(m);
+  receive(p, f);
 }
 
 void canfd_abort_next_batch(Model& m, unsigned port, int n, int skip) {

@@ -26,6 +26,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "sim/can_bus.hpp"
@@ -83,8 +84,17 @@ struct CanFdPortModel {
   bool drop_events = false;
 };
 
+// A node of the FD bus besides the two ports (a virtual ECU): as CanNode, it acknowledges
+// while present, sees every frame a port puts on the bus and may answer with
+// canfd_deliver(). Both run under sim_mutex().
+struct FdNode {
+  std::function<bool(Model& m)> present;
+  std::function<void(Model& m, unsigned from_port, const FdFrame& f)> on_frame;
+};
+
 struct CanFdState {
   std::array<CanFdPortModel, kCanPorts> ports{};
+  std::vector<FdNode> nodes;
 };
 
 // The adapter's CAN FD state (take sim_mutex() from a test thread).
@@ -102,6 +112,9 @@ bool canfd_offer_classic(Model& m, unsigned port, const CanFrame& f, uint32_t ra
 // Puts one frame on the bus from FD port `from` outside any batch; false when it could
 // not be sent.
 bool canfd_put_on_bus(Model& m, unsigned from, FdFrame f);
+// A frame another node put on the bus, received by FD port `port` when it runs (caller
+// holds sim_mutex()): stamped with the current time and filtered like any other.
+void canfd_deliver(Model& m, unsigned port, FdFrame f);
 // Frame element codec of the model (see the library's element layout).
 size_t fd_decode_element(const uint8_t* p, size_t n, FdFrame& out);
 void fd_encode_element(const FdFrame& f, bool echo, std::vector<uint8_t>& out);

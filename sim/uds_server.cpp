@@ -35,17 +35,34 @@ UdsServer::UdsServer() {
 
 void UdsServer::on_frame(Model& m, unsigned port, const CanFrame& f) {
   if (!enabled || f.id != rx_id || f.ext != ext_id) return;
-  const uint8_t x = ext_addressing ? 1 : 0;
+  fd_ = false;
+  on_heard(m, port, {f.id, f.ext, std::min<uint8_t>(f.len, 8), f.data.data()});
+}
+
+void UdsServer::on_fd_frame(Model& m, unsigned port, const FdFrame& f) {
+  if (!enabled || f.id != rx_id || f.ext != ext_id || f.rtr) return;
+  fd_ = true;
+  fd_fdf_ = f.fdf;
+  fd_brs_ = f.brs;
+  fd_heard_ = f.len;
+  on_heard(m, port, {f.id, f.ext, std::min<uint8_t>(f.len, 64), f.data.data()});
+}
+
+void UdsServer::on_heard(Model& m, unsigned port, const Heard& f) {
+  const uint8_t x = this->x();
   if (f.len < x + 1u || (x && f.data[0] != rx_address)) return;
-  const uint8_t* d = f.data.data() + x;
+  const uint8_t* d = f.data + x;
   const uint8_t avail = uint8_t(f.len - x);
   const uint8_t pci = d[0];
   switch (pci >> 4) {
     case 0: {  // single frame; an empty one carries no request
-      const uint8_t n = pci & 0x0F;
-      if (n == 0 || n > avail - 1 || n > single_max()) return;
+      // Frames longer than 8 carry the length in a byte of its own after 0x00.
+      const bool escaped = pci == 0 && avail > 8 - x;
+      const uint8_t at = escaped ? 2 : 1;
+      const uint32_t n = escaped ? d[1] : pci & 0x0F;
+      if (n == 0 || avail < at || n > uint32_t(avail - at)) return;
       rx_active_ = false;
-      on_request(m, port, Bytes(d + 1, d + 1 + n));
+      on_request(m, port, Bytes(d + at, d + at + n));
       return;
     }
     case 1: {
@@ -167,9 +184,9 @@ UdsServer::Bytes UdsServer::service(const Bytes& req, bool* slow) {
 }
 
 void UdsServer::send_message(Model& m, unsigned port, const Bytes& msg) {
-  const uint8_t x = ext_addressing ? 1 : 0;
+  const uint32_t x = this->x();
   if (msg.size() <= single_max()) {
-    Bytes f{uint8_t(msg.size())};
+    Bytes f = length() > 8 ? Bytes{0x00, uint8_t(msg.size())} : Bytes{uint8_t(msg.size())};
     f.insert(f.end(), msg.begin(), msg.end());
     send_frame(m, port, f);
     return;
@@ -178,11 +195,11 @@ void UdsServer::send_message(Model& m, unsigned port, const Bytes& msg) {
   size_t carry;
   if (msg.size() <= 4095) {
     f = {uint8_t(0x10 | msg.size() >> 8), uint8_t(msg.size())};
-    carry = 6 - x;
+    carry = length() - 2 - x;
   } else {
     f = {0x10, 0, 0, 0, 0, 0};
     wire::put_be32(&f[2], uint32_t(msg.size()));
-    carry = 2 - x;
+    carry = length() - 6 - x;
   }
   f.insert(f.end(), msg.begin(), msg.begin() + long(carry));
   send_frame(m, port, f);
@@ -195,7 +212,7 @@ void UdsServer::send_message(Model& m, unsigned port, const Bytes& msg) {
 // The frames up to the tester's block size (all when 0); its STmin only spaces frames in
 // time, which this model has no use for.
 void UdsServer::send_block(Model& m, unsigned port, uint8_t bs) {
-  const size_t per = ext_addressing ? 6 : 7;
+  const size_t per = consecutive();
   for (uint32_t i = 0; tx_at_ < tx_.size() && (bs == 0 || i < bs); ++i) {
     const size_t n = std::min(per, tx_.size() - tx_at_);
     Bytes f{uint8_t(0x20 | (tx_seq_++ & 0x0F))};
@@ -211,6 +228,20 @@ void UdsServer::send_fc(Model& m, unsigned port, uint8_t status) {
 }
 
 void UdsServer::send_frame(Model& m, unsigned port, const Bytes& bytes) {
+  if (fd_) {
+    FdFrame f;
+    f.id = tx_id;
+    f.ext = ext_id;
+    f.len = length();
+    f.fdf = fd_fdf_ || f.len > 8;
+    f.brs = f.fdf && fd_brs_;
+    f.data.fill(pad);
+    size_t at = 0;
+    if (ext_addressing) f.data[at++] = tx_address;
+    std::copy_n(bytes.begin(), std::min(bytes.size(), f.len - at), f.data.begin() + long(at));
+    canfd_deliver(m, port, f);
+    return;
+  }
   CanFrame f;
   f.id = tx_id;
   f.ext = ext_id;
@@ -222,6 +253,16 @@ void UdsServer::send_frame(Model& m, unsigned port, const Bytes& bytes) {
   can_deliver(m, port, f);
 }
 
+// A setting between CAN FD lengths goes out as the next one up, so that the frame and the
+// planning agree.
+uint8_t UdsServer::length() const {
+  if (!fd_) return 8;
+  const uint8_t want = frame_length ? frame_length : fd_heard_;
+  for (uint8_t l : {8, 12, 16, 20, 24, 32, 48})
+    if (want <= l) return l;
+  return 64;
+}
+
 UdsServer& uds_server(Model& m) { return m.state<UdsServer>(); }
 
 void install_uds_server(Model& m) {
@@ -229,6 +270,10 @@ void install_uds_server(Model& m) {
                                      [](Model& model, unsigned port, const CanFrame& f) {
                                        uds_server(model).on_frame(model, port, f);
                                      }});
+  canfd_bus(m).nodes.push_back(FdNode{[](Model& model) { return uds_server(model).enabled; },
+                                      [](Model& model, unsigned port, const FdFrame& f) {
+                                        uds_server(model).on_fd_frame(model, port, f);
+                                      }});
 }
 
 }  // namespace veltrix::sim

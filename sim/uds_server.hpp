@@ -6,8 +6,11 @@
 // Anything else gets the negative response 7F sid 11. Routine 0xFF00 is slow: response-pending
 // answers (7F 31 78) come before its result.
 //
-// It listens to the frames ports put on the bus and answers on the port that asked. It is
-// off until a test (or the launcher) enables it; change its settings under sim_mutex().
+// It listens to the frames ports put on the classic and the CAN FD bus and answers on the
+// port that asked, on the same bus. On the FD bus its frames are frame_length bytes (8 to
+// 64; by default the tester's) and plan their payload by that length, in CAN FD format
+// when the length is above 8 or the request came in that format. It is off until a test (or the
+// launcher) enables it; change its settings under sim_mutex().
 #pragma once
 
 #include <cstdint>
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "sim/can_bus.hpp"
+#include "sim/canfd_bus.hpp"
 
 namespace veltrix::sim {
 
@@ -44,6 +48,9 @@ class UdsServer {
   int slow_pending = 1;   // response-pending answers before a slow result
   bool echo = false;      // answer every request with its own bytes (transport tests)
   uint8_t pad = 0xAA;
+  // On the FD bus: the length of its frames and of its planning; 0 takes the length of
+  // the tester's last frame.
+  uint8_t frame_length = 0;
 
   std::map<uint16_t, Bytes> dids;
   std::vector<Bytes> requests;  // complete requests, oldest first
@@ -51,15 +58,34 @@ class UdsServer {
 
   UdsServer();
   void on_frame(Model& m, unsigned port, const CanFrame& f);
+  void on_fd_frame(Model& m, unsigned port, const FdFrame& f);
 
  private:
+  // One received frame of either bus, data up to 64 bytes.
+  struct Heard {
+    uint32_t id;
+    bool ext;
+    uint8_t len;
+    const uint8_t* data;
+  };
+  void on_heard(Model& m, unsigned port, const Heard& f);
   void on_request(Model& m, unsigned port, const Bytes& req);
   Bytes service(const Bytes& req, bool* slow);
   void send_message(Model& m, unsigned port, const Bytes& msg);
   void send_block(Model& m, unsigned port, uint8_t block_size);
   void send_fc(Model& m, unsigned port, uint8_t status);
   void send_frame(Model& m, unsigned port, const Bytes& bytes);
-  uint32_t single_max() const { return ext_addressing ? 6 : 7; }
+  // Its frame length on the bus of the current exchange, and the payload each frame
+  // kind carries there.
+  uint8_t length() const;
+  uint8_t x() const { return ext_addressing ? 1 : 0; }
+  uint32_t single_max() const { return length() > 8 ? length() - 2u - x() : 7u - x(); }
+  uint32_t consecutive() const { return length() - 1u - x(); }
+
+  bool fd_ = false;       // the exchange runs on the FD bus
+  bool fd_fdf_ = false;   // the tester's last frame was in CAN FD format
+  bool fd_brs_ = false;   // ... with bit rate switching
+  uint8_t fd_heard_ = 8;  // ... and its length
 
   Bytes rx_;
   uint32_t rx_total_ = 0;

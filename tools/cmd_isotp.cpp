@@ -5,6 +5,8 @@
 //   veltrix isotp recv SERIAL PORT -s ID -d ID [-x ADDR] [-e] [-b BITRATE] [-t MS] [-l]
 //       prints each message received on -d as hex bytes, answering first frames with flow
 //       control on -s; -l keeps receiving; -t bounds each wait (default: wait for ever)
+//   both take --fd [--frame-length N] [--data-bitrate N] for CAN FD frames on a CAN FD
+//   adapter (64 bytes by default, bit rate switching at 2000000 by default)
 #include <cstdio>
 #include <iostream>
 #include <iterator>
@@ -26,7 +28,8 @@ void usage(std::FILE* out = stderr) {
                "usage: veltrix isotp send SERIAL PORT -s ID -d ID [-x ADDR] [-e] [-b BITRATE]"
                " [BYTES]\n"
                "       veltrix isotp recv SERIAL PORT -s ID -d ID [-x ADDR] [-e] [-b BITRATE]"
-               " [-t MS] [-l]\n");
+               " [-t MS] [-l]\n"
+               "       both: [--fd [--frame-length N] [--data-bitrate N]]\n");
 }
 
 int send(const Link& l, std::vector<unsigned char> data, bool from_stdin) {

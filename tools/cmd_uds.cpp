@@ -1,6 +1,8 @@
 // veltrix uds: one diagnostic request and its response.
 //   veltrix uds SERIAL PORT --tx ID --rx ID [--ext-addr N] [-e] [--bitrate N] [--timeout MS]
-//               BYTE...
+//               [--fd [--frame-length N] [--data-bitrate N]] BYTE...
+// --fd sends CAN FD frames (64 bytes unless --frame-length says otherwise, bit rate
+// switching at --data-bitrate, default 2000000) on a CAN FD adapter.
 // IDs and bytes are hexadecimal. Response-pending answers (7F sid 78) are reported on
 // stderr and waited out; a negative response prints its bytes and the code's name.
 #include <cstdio>
@@ -21,7 +23,8 @@ constexpr unsigned kPendingTimeoutMs = 5000;
 void usage(std::FILE* out = stderr) {
   std::fprintf(out,
                "usage: veltrix uds SERIAL PORT --tx ID --rx ID [--ext-addr N] [-e] [--bitrate N]"
-               " [--timeout MS] BYTE...\n");
+               " [--timeout MS]\n"
+               "           [--fd [--frame-length N] [--data-bitrate N]] BYTE...\n");
 }
 
 const char* nrc_name(unsigned char code) {

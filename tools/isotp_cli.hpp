@@ -10,6 +10,7 @@
 
 #include "veltrix/can.h"
 #include "veltrix/can_uds.h"
+#include "veltrix/canfd.h"
 #include "veltrix/usb_device.h"
 
 namespace veltrix::cli {
@@ -46,9 +47,15 @@ inline void print_bytes(const unsigned char* b, int n) {
 
 // What every ISO-TP subcommand needs besides its own arguments.
 struct Link {
-  unsigned long serial = 0, port = 0, bitrate = 500000, timeout_ms = 1000;
+  unsigned long serial = 0, port = 0, bitrate = 500000, data_bitrate = 2000000, timeout_ms = 1000;
   CAN_UDS_ADDR addr{0, 0, 0, 0, 0, 8};
+  // The CAN FD models' ports are started as CAN FD ports; they carry classic frames
+  // unless --fd asks for CAN FD frames.
+  bool fd_adapter() const { return serial >> 24 == 0x53 || serial >> 24 == 0x54; }
 };
+
+// The frame length --fd plans with when none is given.
+inline constexpr unsigned char kFdFrameLength = 64;
 
 // Takes one common option at argv[*i] (advancing *i past its value); false if argv[*i] is
 // not one of them. *bad is set for a known option with a bad or missing value.
@@ -56,10 +63,16 @@ inline bool common_option(int argc, char** argv, int* i, Link* l, const char* tx
                           bool* bad) {
   const std::string a = argv[*i];
   const bool known = a == tx || a == rx || a == "-x" || a == "--ext-addr" || a == "-b" ||
-                     a == "--bitrate" || a == "-t" || a == "--timeout" || a == "-e";
+                     a == "--bitrate" || a == "-t" || a == "--timeout" || a == "-e" ||
+                     a == "--fd" || a == "--data-bitrate" || a == "--frame-length";
   if (!known) return false;
   if (a == "-e") {  // 29-bit identifiers
     l->addr.IdFlags |= CAN_UDS_ID_EXTENDED;
+    return true;
+  }
+  if (a == "--fd") {  // CAN FD frames with bit rate switching
+    l->addr.IdFlags |= CAN_UDS_ID_BRS | CAN_UDS_ID_FD;
+    if (l->addr.FrameLength == 8) l->addr.FrameLength = kFdFrameLength;
     return true;
   }
   unsigned long v = 0;
@@ -78,6 +91,14 @@ inline bool common_option(int argc, char** argv, int* i, Link* l, const char* tx
   } else if (a == "-b" || a == "--bitrate") {
     *bad = !parse_number(value, 10, 1000000, &v) || v == 0;
     l->bitrate = v;
+  } else if (a == "--data-bitrate") {
+    *bad = !parse_number(value, 10, 8000000, &v) || v == 0;
+    l->data_bitrate = v;
+  } else if (a == "--frame-length") {
+    // A CAN FD frame length the adapter sends as it is.
+    *bad = !parse_number(value, 10, 64, &v) || v < 8 ||
+           DlcToDataBytes(DataBytesToDlc(static_cast<unsigned char>(v))) != v;
+    l->addr.FrameLength = static_cast<unsigned char>(v);
   } else {
     *bad = !parse_number(value, 10, 600000, &v);
     l->timeout_ms = v;
@@ -92,6 +113,28 @@ inline bool open_link(const char* tool, const Link& l) {
     std::fprintf(stderr, "veltrix %s: adapter %08lX not found or cannot be opened\n", tool,
                  l.serial);
     return false;
+  }
+  const auto port = static_cast<unsigned char>(l.port);
+  if ((l.addr.IdFlags & CAN_UDS_ID_FD) && !l.fd_adapter()) {
+    std::fprintf(stderr, "veltrix %s: adapter %08lX has no CAN FD ports\n", tool, l.serial);
+    return false;
+  }
+  if (l.fd_adapter()) {
+    CANFD_CHANNEL_CONFIG c{};
+    if (CANFD_GetCANSpeedArg(h, &c, int(l.bitrate), int(l.data_bitrate)) != 0) {
+      std::fprintf(stderr, "veltrix %s: bit rates %lu/%lu are not supported\n", tool, l.bitrate,
+                   l.data_bitrate);
+      return false;
+    }
+    if (int r = CANFD_Init(h, port, &c); r != 0) {
+      std::fprintf(stderr, "veltrix %s: starting port %lu failed (%d)\n", tool, l.port, r);
+      return false;
+    }
+    if (int r = CANFD_StartGetMsg(h, port); r != 0) {
+      std::fprintf(stderr, "veltrix %s: starting reception failed (%d)\n", tool, r);
+      return false;
+    }
+    return true;
   }
   CAN_CHANNEL_CONFIG c{};
   if (CAN_GetCANSpeedArg(h, &c, int(l.bitrate)) != 0) {
@@ -115,7 +158,10 @@ inline bool open_link(const char* tool, const Link& l) {
 struct OpenLink {
   const Link& l;
   ~OpenLink() {
-    CAN_StopGetMsg(unsigned(l.serial), static_cast<unsigned char>(l.port));
+    if (l.fd_adapter())
+      CANFD_StopGetMsg(unsigned(l.serial), static_cast<unsigned char>(l.port));
+    else
+      CAN_StopGetMsg(unsigned(l.serial), static_cast<unsigned char>(l.port));
     USB_CloseDevice(unsigned(l.serial));
   }
 };

@@ -15,7 +15,10 @@
  *
  * Calls run on the caller's thread. Two transfers on one port at a time would take each
  * other's frames: serialise them. On CAN FD models (handle top byte 0x53 or 0x54) the
- * transfers are not available yet and answer CAN_UDS_ERR_SEND.
+ * transfers use the CAN FD ports (CANFD_SendMsg, CANFD_GetCANMsgFromUDSBuffer) and may
+ * plan with any FrameLength from 8 to 64; set IdFlags to CAN_UDS_ID_BRS | CAN_UDS_ID_FD for
+ * frames in CAN FD format. A FrameLength that is no CAN FD length (13, for one) goes out
+ * rounded up to the next one by CANFD_SendMsg, the extra bytes zero.
  */
 #ifndef VELTRIX_CAN_UDS_H
 #define VELTRIX_CAN_UDS_H
@@ -28,10 +31,10 @@
 VELTRIX_EXTERN_C_BEGIN
 
 #define CAN_UDS_OK 0
-#define CAN_UDS_ERR_SEND                                                                    \
-  (-98)                                /* the CAN send reported an error; also a NULL       \
-                                          pointer, a negative length with data expected, or \
-                                          a CAN FD model */
+#define CAN_UDS_ERR_SEND                                                                   \
+  (-98)                                /* the CAN send reported an error; also a NULL      \
+                                          pointer, or a negative length with data expected \
+                                        */
 #define CAN_UDS_ERR_SEND_TIMEOUT (-99) /* a frame or batch could not be sent within 3 s */
 #define CAN_UDS_ERR_TIMEOUT                                                       \
   (-101)                            /* no flow control within 1 s, or no complete \

@@ -15,6 +15,8 @@ namespace veltrix::test {
 namespace {
 
 constexpr uint32_t kSend = 0x0C02;
+constexpr uint32_t kFdSend = 0x4002;
+constexpr size_t kFdSendHeader = 12;  // then the frame elements
 
 // Virtual time: it moves only when the library pauses, so every pause is on record.
 uint64_t g_now_us = 0;
@@ -36,6 +38,24 @@ std::vector<std::vector<Bytes>> sent_batches(const sim::Model& m) {
   }
   return out;
 }
+// The frames of every CAN FD send command, in order.
+std::vector<sim::FdFrame> sent_fd_frames(const sim::Model& m) {
+  std::vector<sim::FdFrame> out;
+  for (const Bytes& p : payloads(m, kFdSend)) {
+    size_t at = kFdSendHeader;
+    for (size_t i = 0; i < p.at(11); ++i) {
+      sim::FdFrame f;
+      const size_t used = sim::fd_decode_element(p.data() + at, p.size() - at, f);
+      EXPECT_NE(used, 0u) << "a send element cut short";
+      if (used == 0) break;
+      out.push_back(f);
+      at += used;
+    }
+  }
+  return out;
+}
+Bytes data_of(const sim::FdFrame& f) { return Bytes(f.data.begin(), f.data.begin() + f.len); }
+
 std::vector<Bytes> sent_frames(const sim::Model& m) {
   std::vector<Bytes> all;
   for (auto& b : sent_batches(m)) all.insert(all.end(), b.begin(), b.end());
@@ -57,28 +77,39 @@ class CanUds : public CanTest {
   }
   void TearDown() override { isotp::active_clock = isotp::system_clock(); }
 
+  // The server of the adapter in use.
   template <typename F>
   void server(F f) {
     std::scoped_lock g(sim::sim_mutex());
-    f(sim::uds_server(*model));
+    f(sim::uds_server(fd_model ? *fd_model : *model));
   }
   void use_extended() {
     addr.ExtAddressing = 1;
     addr.AddressExtension = 0xE0;
     server([](sim::UdsServer& s) { s.ext_addressing = true; });
   }
-  int request(const Bytes& b) {
-    return CAN_UDS_Request(kClassic, 0, &addr, b.data(), int(b.size()));
+  // Moves the conversation to a CAN FD adapter's port 0 (500k/2M), planning with
+  // frame_length, in CAN FD format with bit rate switching; the server answers alike.
+  void use_fd(uint8_t frame_length) {
+    fd_model = open_fd(kFdModel);
+    dev = kFdModel;
+    addr.FrameLength = frame_length;
+    addr.IdFlags |= CAN_UDS_ID_BRS | CAN_UDS_ID_FD;
+    std::scoped_lock g(sim::sim_mutex());
+    sim::uds_server(*fd_model).frame_length = frame_length;
   }
+  int request(const Bytes& b) { return CAN_UDS_Request(dev, 0, &addr, b.data(), int(b.size())); }
   // The answer, or the code as a one-element negative marker.
   Bytes response(int* code, size_t room = 8192, unsigned timeout_ms = 1000) {
     Bytes out(room);
-    *code = CAN_UDS_ResponseWithSize(kClassic, 0, &addr, out.data(), unsigned(room), timeout_ms);
+    *code = CAN_UDS_ResponseWithSize(dev, 0, &addr, out.data(), unsigned(room), timeout_ms);
     out.resize(*code > 0 ? size_t(*code) : 0);
     return out;
   }
 
   std::shared_ptr<sim::Model> model;
+  std::shared_ptr<sim::Model> fd_model;
+  uint32_t dev = kClassic;
   CAN_UDS_ADDR addr{0x7E0, 0x7E8, 0, 0, 0, 8};
 };
 
@@ -325,6 +356,7 @@ TEST_F(CanUds, DownloadOf4KBlocksReachesTheServer) {
 struct RoundTrip {
   bool extended;
   size_t length;
+  uint8_t fd_length;  // 0: a classic adapter; else a CAN FD adapter planning with it
 };
 
 class RoundTrips : public CanUds, public ::testing::WithParamInterface<RoundTrip> {};
@@ -332,6 +364,7 @@ class RoundTrips : public CanUds, public ::testing::WithParamInterface<RoundTrip
 // The server echoes the request: both directions of the segmentation at the boundaries of
 // every frame kind.
 TEST_P(RoundTrips, EchoComesBackIntact) {
+  if (GetParam().fd_length) use_fd(GetParam().fd_length);
   if (GetParam().extended) use_extended();
   server([](sim::UdsServer& s) {
     s.enabled = true;
@@ -343,24 +376,171 @@ TEST_P(RoundTrips, EchoComesBackIntact) {
   const Bytes got = response(&code);
   EXPECT_EQ(code, int(msg.size()));
   EXPECT_THAT(got, BytesEq(msg));
-  if (GetParam().extended) {
-    for (const Bytes& f : sent_frames(*model)) EXPECT_EQ(f.at(0), 0xE0);
+  if (GetParam().fd_length == 0) {
+    if (GetParam().extended)
+      for (const Bytes& f : sent_frames(*model)) EXPECT_EQ(f.at(0), 0xE0);
+    return;
+  }
+  // Every frame is the planned length, in CAN FD format with bit rate switching.
+  const auto frames = sent_fd_frames(*fd_model);
+  ASSERT_FALSE(frames.empty());
+  for (const sim::FdFrame& f : frames) {
+    EXPECT_EQ(f.len, GetParam().fd_length);
+    EXPECT_TRUE(f.fdf && f.brs);
+    if (GetParam().extended) {
+      EXPECT_EQ(f.data[0], 0xE0);
+    }
   }
 }
 
 std::vector<RoundTrip> round_trips() {
   std::vector<RoundTrip> v;
-  for (bool ext : {false, true})
+  for (bool ext : {false, true}) {
     for (size_t n :
          {1, 2, 5, 6, 7, 8, 12, 13, 14, 19, 20, 21, 111, 112, 113, 4094, 4095, 4096, 4999, 5000})
-      v.push_back({ext, n});
+      v.push_back({ext, n, 0});
+    // CAN FD: 8 plans as classic; 16 and 64 put the single-frame, first-frame and
+    // consecutive-frame boundaries (L-2/L-3, L-2/L-3 or L-6/L-7, L-1/L-2) elsewhere.
+    for (uint8_t l : {8, 16, 64})
+      for (size_t n : {1, 6, 7, 13, 14, 15, 61, 62, 63, 64, 125, 126, 127, 4095, 4096, 5000})
+        v.push_back({ext, n, l});
+  }
   return v;
 }
 INSTANTIATE_TEST_SUITE_P(Cases, RoundTrips, ::testing::ValuesIn(round_trips()),
                          [](const auto& info) {
-                           return std::string(info.param.extended ? "ext_" : "normal_") +
-                                  std::to_string(info.param.length);
+                           const RoundTrip& c = info.param;
+                           return (c.fd_length ? "fd" + std::to_string(c.fd_length) + "_"
+                                               : std::string("classic_")) +
+                                  (c.extended ? "ext_" : "normal_") + std::to_string(c.length);
                          });
+
+// Exact frames on a CAN FD port: a piece of the message between protocol bytes and padding.
+struct FdPiece {
+  Bytes head;
+  size_t from, count;
+};
+struct FdWireCase {
+  const char* name;
+  uint8_t length;
+  bool extended;
+  size_t message;
+  std::vector<FdPiece> frames;
+};
+
+class FdWire : public CanUds, public ::testing::WithParamInterface<FdWireCase> {};
+
+TEST_P(FdWire, FramesCarryThePlannedBytes) {
+  const FdWireCase& c = GetParam();
+  use_fd(c.length);
+  if (c.extended) use_extended();
+  server([](sim::UdsServer& s) { s.enabled = true; });
+  const Bytes msg = counting(c.message);
+  ASSERT_EQ(request(msg), 0);
+  const auto frames = sent_fd_frames(*fd_model);
+  ASSERT_EQ(frames.size(), c.frames.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    Bytes want = c.frames[i].head;
+    want.insert(want.end(), msg.begin() + long(c.frames[i].from),
+                msg.begin() + long(c.frames[i].from + c.frames[i].count));
+    want.resize(c.length, 0x55);
+    EXPECT_THAT(data_of(frames[i]), BytesEq(want)) << "frame " << i;
+    EXPECT_EQ(frames[i].id, 0x7E0u);
+    EXPECT_TRUE(frames[i].fdf && frames[i].brs && !frames[i].ext);
+  }
+  server([&](sim::UdsServer& s) { EXPECT_THAT(s.requests.at(0), BytesEq(msg)); });
+}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FdWire,
+    ::testing::Values(
+        FdWireCase{"single_64", 64, false, 21, {{{0x00, 0x15}, 0, 21}}},
+        FdWireCase{"single_64_longest", 64, false, 62, {{{0x00, 0x3E}, 0, 62}}},
+        FdWireCase{"single_16_ext", 16, true, 13, {{{0xE0, 0x00, 0x0D}, 0, 13}}},
+        FdWireCase{
+            "first_16_ext", 16, true, 14, {{{0xE0, 0x10, 0x0E}, 0, 13}, {{0xE0, 0x21}, 13, 1}}},
+        FdWireCase{"first_12", 12, false, 11, {{{0x10, 0x0B}, 0, 10}, {{0x21}, 10, 1}}},
+        FdWireCase{"first_64_two_consecutive",
+                   64,
+                   false,
+                   200,
+                   {{{0x10, 0xC8}, 0, 62}, {{0x21}, 62, 63}, {{0x22}, 125, 63}, {{0x23}, 188, 12}}},
+        FdWireCase{"single_8_classic_form", 8, false, 7, {{{0x07}, 0, 7}}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Above 4095 bytes the first frame takes the escape length and carries L-6 bytes.
+TEST_F(CanUds, FdEscapeFirstFrameCarriesLengthMinusSix) {
+  use_fd(64);
+  server([](sim::UdsServer& s) { s.enabled = true; });
+  const Bytes msg = counting(5000);
+  ASSERT_EQ(request(msg), 0);
+  const auto frames = sent_fd_frames(*fd_model);
+  // 58 bytes in the first frame, then 63 per consecutive frame.
+  ASSERT_EQ(frames.size(), 1u + (5000 - 58 + 62) / 63);
+  Bytes ff{0x10, 0x00, 0x00, 0x00, 0x13, 0x88};
+  ff.insert(ff.end(), msg.begin(), msg.begin() + 58);
+  EXPECT_THAT(data_of(frames[0]), BytesEq(ff));
+  EXPECT_EQ(frames[16].data[0], 0x20);  // the sixteenth consecutive frame wraps to 0
+  server([&](sim::UdsServer& s) { EXPECT_THAT(s.requests.at(0), BytesEq(msg)); });
+}
+
+// The reader answers the server's first frame with a flow control padded to L, and takes
+// its 64-byte frames back into the 4095-byte record.
+TEST_F(CanUds, FdResponseOfLongRecordWithExtendedIds) {
+  use_fd(64);
+  addr.RequestID = 0x18DA10F1;
+  addr.ResponseID = 0x18DAF110;
+  addr.IdFlags |= CAN_UDS_ID_EXTENDED;
+  server([](sim::UdsServer& s) {
+    s.enabled = true;
+    s.ext_id = true;
+    s.rx_id = 0x18DA10F1;
+    s.tx_id = 0x18DAF110;
+  });
+  ASSERT_EQ(request({0x22, 0x40, 0x95}), 0);
+  int code = 0;
+  const Bytes got = response(&code);
+  ASSERT_EQ(code, 4095);
+  EXPECT_THAT(Bytes(got.begin(), got.begin() + 3), BytesEq(W{0x62, 0x40, 0x95}));
+  server([&](sim::UdsServer& s) {
+    EXPECT_TRUE(std::equal(got.begin() + 3, got.end(), s.dids.at(sim::kDidLong4095).begin()));
+  });
+  const auto frames = sent_fd_frames(*fd_model);
+  ASSERT_EQ(frames.size(), 2u);
+  Bytes fc{0x30, 0x00, 0x00};
+  fc.resize(64, 0x55);
+  EXPECT_THAT(data_of(frames[1]), BytesEq(fc));
+  EXPECT_TRUE(frames[1].ext);
+  EXPECT_EQ(frames[1].id, 0x18DA10F1u);
+}
+
+struct FdFlowCase {
+  const char* name;
+  uint8_t block_size;
+  bool overflow;
+  int want;
+  size_t batches;  // send commands, the first frame's included
+};
+
+class FdFlowControls : public CanUds, public ::testing::WithParamInterface<FdFlowCase> {};
+
+// 200 bytes at L = 64: a first frame and three consecutive frames.
+TEST_P(FdFlowControls, FollowTheReceiver) {
+  const FdFlowCase& c = GetParam();
+  use_fd(64);
+  server([&](sim::UdsServer& s) {
+    s.enabled = true;
+    s.block_size = c.block_size;
+    s.overflow = c.overflow;
+  });
+  EXPECT_EQ(request(counting(200)), c.want);
+  EXPECT_EQ(payloads(*fd_model, kFdSend).size(), c.batches);
+}
+INSTANTIATE_TEST_SUITE_P(Cases, FdFlowControls,
+                         ::testing::Values(FdFlowCase{"block_size_1", 1, false, 0, 4},
+                                           FdFlowCase{"block_size_2", 2, false, 0, 3},
+                                           FdFlowCase{"overflow", 0, true, CAN_UDS_ERR_OVERFLOW,
+                                                      1}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // A classic adapter carries 8 bytes per frame whatever length the record asks for.
 TEST_F(CanUds, ClassicAdapterPlansLongFrameLengthsAs8) {
@@ -371,7 +551,6 @@ TEST_F(CanUds, ClassicAdapterPlansLongFrameLengthsAs8) {
   const Bytes msg = counting(10);
   EXPECT_THAT(sent_frames(*model).at(0),
               BytesEq(W{0x10, 0x0A, msg[0], msg[1], msg[2], msg[3], msg[4], msg[5]}));
-  EXPECT_EQ(CAN_UDS_Request(kFdModel, 0, &addr, msg.data(), 10), CAN_UDS_ERR_SEND);
 }
 
 TEST_F(CanUds, EmptyRequestIsAHeaderOnlySingleFrame) {

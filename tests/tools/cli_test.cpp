@@ -520,6 +520,38 @@ INSTANTIATE_TEST_SUITE_P(
                               "line 2: the file ends before \"LIN_description_file;\".\n"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// veltrix uds on a CAN FD adapter's port against the virtual diagnostic ECU.
+TEST(CliUds, FdOptionsAgainstTheVirtualEcu) {
+  const std::string vin = "62 F1 90 56 4C 54 58 30 53 49 4D 55 4C 41 54 45 44 30 30 31\n";
+  const struct {
+    std::string serial;
+    std::vector<std::string> options;
+    int status;
+    std::string out, err;
+  } cases[] = {
+      {"53000002", {"--fd"}, 0, vin, ""},
+      {"53000002", {"--fd", "--frame-length", "12", "--data-bitrate", "1000000"}, 0, vin, ""},
+      {"53000002", {}, 0, vin, ""},  // an FD port carrying classic frames
+      {"53000002", {"--fd", "--frame-length", "13"}, 2, "", "veltrix uds: bad argument '13'\n"},
+      {"31000001", {"--fd"}, 1, "", "veltrix uds: adapter 31000001 has no CAN FD ports\n"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> argv{"env",    "VELTRIX_SIM_ECU=1",
+                                  kSim,     "--adapter",
+                                  c.serial, "--",
+                                  kCli,     "uds",
+                                  c.serial, "0",
+                                  "--tx",   "7E0",
+                                  "--rx",   "7E8"};
+    argv.insert(argv.end(), c.options.begin(), c.options.end());
+    for (const char* b : {"22", "F1", "90"}) argv.push_back(b);
+    const Result r = run(argv);
+    EXPECT_EQ(r.status, c.status) << c.serial << " " << r.err;
+    EXPECT_EQ(r.out, c.out) << c.serial;
+    EXPECT_EQ(r.err, c.err) << c.serial;
+  }
+}
+
 TEST(CliHelp, EveryCommandDescribesItselfOnStdout) {
   Result top = run({kCli, "--help"});
   ASSERT_EQ(top.status, 0);
