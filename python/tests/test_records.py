@@ -30,6 +30,10 @@ def test_every_asserted_record_matches_the_headers():
      "LIN_EX_MSG.Data offset is 9"),
     ("ldf.h", "offsetof(LDF_CODING, Schs) == 72", "offsetof(LDF_CODING, Schs) == 80",
      "LDF_CODING.Schs offset is 72"),
+    ("spi.h", "offsetof(SPI_CONFIG, ClockSpeedHz) == 8", "offsetof(SPI_CONFIG, ClockSpeedHz) == 12",
+     "SPI_CONFIG.ClockSpeedHz offset is 8"),
+    ("canfd.h", "sizeof(CANFD_TX_INFO) == 4", "sizeof(CANFD_TX_INFO) == 8",
+     "sizeof(CANFD_TX_INFO) is 4"),
 ])
 def test_a_header_that_moved_a_field_stops_the_check(tmp_path, header, before, after, reported):
     shutil.copytree(os.path.join(INCLUDE, "veltrix"), tmp_path / "veltrix")
