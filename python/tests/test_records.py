@@ -103,6 +103,9 @@ def test_lin_frames_become_the_libraries_record():
     ("DBC", -5, veltrix.DbcError, "no such message"),
     ("DBC", -6, veltrix.DbcError, "multiplexed"),
     ("LDF", -6, veltrix.LdfError, "no frame or signal"),
+    ("UDS", -108, veltrix.UdsError, "longer than the room"),
+    ("UDS", -103, veltrix.UdsError, "out of sequence"),
+    ("SPI", -6, veltrix.SpiError, "event did not come"),
     ("CAN", -99, veltrix.CanError, "unexpected result code"),
 ])
 def test_negative_results_raise_the_familys_error(family, code, cls, words):
