@@ -251,14 +251,6 @@ def test_bad_configuration_is_an_initialisation_error(sim, kwargs, code):
     assert info.value.error_code == code
 
 
-def test_fd_is_refused_where_the_library_has_no_fd_family(sim):
-    from veltrix import _library
-    if _library.has("CANFD_Init"):
-        pytest.skip("this library has the CAN FD family")
-    with pytest.raises(can.CanInterfaceNotImplementedError):
-        can.Bus(interface="veltrix", channel=f"{ADAPTER:08X}:0", fd=True, data_bitrate=2000000)
-
-
 def test_an_unplugged_adapter_gives_errors_not_a_hang(sim):
     bus = can.Bus(interface="veltrix", channel=f"{UNPLUG:08X}:0", bitrate=500000)
     sim.unplug(UNPLUG)

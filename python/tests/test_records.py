@@ -30,6 +30,10 @@ def test_every_asserted_record_matches_the_headers():
      "LIN_EX_MSG.Data offset is 9"),
     ("ldf.h", "offsetof(LDF_CODING, Schs) == 72", "offsetof(LDF_CODING, Schs) == 80",
      "LDF_CODING.Schs offset is 72"),
+    ("spi.h", "offsetof(SPI_CONFIG, ClockSpeedHz) == 8", "offsetof(SPI_CONFIG, ClockSpeedHz) == 12",
+     "SPI_CONFIG.ClockSpeedHz offset is 8"),
+    ("canfd.h", "sizeof(CANFD_TX_INFO) == 4", "sizeof(CANFD_TX_INFO) == 8",
+     "sizeof(CANFD_TX_INFO) is 4"),
 ])
 def test_a_header_that_moved_a_field_stops_the_check(tmp_path, header, before, after, reported):
     shutil.copytree(os.path.join(INCLUDE, "veltrix"), tmp_path / "veltrix")
@@ -99,6 +103,9 @@ def test_lin_frames_become_the_libraries_record():
     ("DBC", -5, veltrix.DbcError, "no such message"),
     ("DBC", -6, veltrix.DbcError, "multiplexed"),
     ("LDF", -6, veltrix.LdfError, "no frame or signal"),
+    ("UDS", -108, veltrix.UdsError, "longer than the room"),
+    ("UDS", -103, veltrix.UdsError, "out of sequence"),
+    ("SPI", -6, veltrix.SpiError, "event did not come"),
     ("CAN", -99, veltrix.CanError, "unexpected result code"),
 ])
 def test_negative_results_raise_the_familys_error(family, code, cls, words):

@@ -1,4 +1,5 @@
-"""Python bindings of libVELTRIX: adapters, CAN and LIN channels, DBC and LDF databases.
+"""Python bindings of libVELTRIX: adapters, CAN, CAN FD and LIN channels, UDS over CAN, I2C
+and SPI masters, DBC and LDF databases.
 
     import veltrix
     for adapter in veltrix.scan():
@@ -11,7 +12,8 @@ The python-can interface is "veltrix" (see veltrix.interface).
 from . import records
 from ._library import LibraryNotFound
 from .device import Adapter, DeviceInfo, scan
-from .errors import (CanError, DbcError, DeviceError, LdfError, LinError, VeltrixError)
+from .errors import (CanError, DbcError, DeviceError, I2cError, LdfError, LinError, SpiError,
+                     UdsError, VeltrixError)
 
 __version__ = "1.0.0"
 
@@ -22,4 +24,5 @@ if INCLUDE_DIR is not None:
     records.check_layouts(INCLUDE_DIR)
 
 __all__ = ["Adapter", "DeviceInfo", "scan", "VeltrixError", "DeviceError", "CanError",
-           "LinError", "DbcError", "LdfError", "LibraryNotFound"]
+           "LinError", "DbcError", "LdfError", "UdsError", "I2cError", "SpiError",
+           "LibraryNotFound"]

@@ -122,6 +122,11 @@ class CanChannel:
     """One port of an adapter, configured at `bitrate` and, with `receive`, received in
     the background into the library's queue."""
 
+    # The calls that start, stop and empty a port; the CAN FD port has its own.
+    _START_RX, _STOP_RX, _STOP, _CLEAR = ("CAN_StartGetMsg", "CAN_StopGetMsg", "CAN_Stop",
+                                          "CAN_ClearMsg")
+    _RECORD = records.CAN_MSG
+
     def __init__(self, adapter, port, bitrate, receive=True, filters=()):
         if not 0 <= port <= 1:
             raise ValueError(f"CAN port {port} does not exist (0 or 1)")
@@ -139,7 +144,7 @@ class CanChannel:
         self._key = key
         self.port = port
         self.bitrate = bitrate
-        self._rx = (records.CAN_MSG * READ_CHUNK)()
+        self._rx = (self._RECORD * READ_CHUNK)()
         # Banks a previous user of the port left enabled are unknown: the first filter set
         # switches every bank it does not use off.
         self._banks_used = FILTER_BANKS
@@ -153,7 +158,7 @@ class CanChannel:
             self._configure(bitrate)
             self.set_filters(filters)
             if receive:
-                self._call("CAN_StartGetMsg")
+                self._call(self._START_RX)
                 self._receiving = True
         except BaseException:
             self.close()
@@ -224,7 +229,7 @@ class CanChannel:
     def clear(self):
         with self._lock:
             self._require_open()
-            self._call("CAN_ClearMsg")
+            self._call(self._CLEAR)
 
     def close(self):
         """Stops reception and the port and lets go of the adapter. Never raises: closing
@@ -234,10 +239,10 @@ class CanChannel:
                 return
             self._closed = True
             if self._receiving:
-                self._lib.CAN_StopGetMsg(self.adapter.handle, self.port)
+                getattr(self._lib, self._STOP_RX)(self.adapter.handle, self.port)
                 self._receiving = False
             if self.adapter.is_open:
-                self._lib.CAN_Stop(self.adapter.handle, self.port)
+                getattr(self._lib, self._STOP)(self.adapter.handle, self.port)
         self.adapter.close()
         with _ports_lock:
             _ports_in_use.discard(self._key)

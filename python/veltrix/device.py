@@ -132,6 +132,26 @@ class Adapter:
         from .can import CanChannel
         return CanChannel(self, port, bitrate, **options)
 
+    def canfd(self, port, bitrate, data_bitrate, **options):
+        """A CAN FD port of this adapter, configured and receiving."""
+        from .canfd import CanFdChannel
+        return CanFdChannel(self, port, bitrate, data_bitrate, **options)
+
+    def uds(self, port, request_id, response_id, **options):
+        """A diagnostic conversation on a classic CAN port of this adapter."""
+        from .uds import UdsClient
+        return UdsClient(self, port, request_id, response_id, **options)
+
+    def i2c(self, index, **options):
+        """An I2C channel of this adapter as bus master."""
+        from .serial_bus import I2cChannel
+        return I2cChannel(self, index, **options)
+
+    def spi(self, index, **options):
+        """An SPI channel of this adapter as bus master."""
+        from .serial_bus import SpiChannel
+        return SpiChannel(self, index, **options)
+
     def lin(self, channel, baudrate=19200, master=True):
         """A LIN channel of this adapter, initialised as master or slave."""
         from .lin import LinChannel

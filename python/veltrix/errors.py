@@ -27,6 +27,18 @@ class LinError(VeltrixError):
     family = "LIN"
 
 
+class UdsError(VeltrixError):
+    family = "UDS"
+
+
+class I2cError(VeltrixError):
+    family = "I2C"
+
+
+class SpiError(VeltrixError):
+    family = "SPI"
+
+
 class DbcError(VeltrixError):
     family = "DBC"
 
@@ -51,6 +63,32 @@ LIN_CODES = {
     -9: "the list file's first line is not the header",
     -10: "out of memory",
 }
+UDS_CODES = {
+    -98: "the CAN send failed, an argument was missing, or the adapter is a CAN FD model",
+    -99: "a frame or batch could not be sent within 3 s",
+    -101: "no flow control within 1 s, or no complete response in time",
+    -103: "consecutive frame out of sequence",
+    -105: "unknown frame type, or a single frame longer than the frame can hold",
+    -107: "the receiver's flow control reported overflow",
+    -108: "the response was longer than the room given for it",
+}
+# Negative codes are the library's; positive ones the adapter's bus status of a transfer.
+I2C_CODES = {
+    -2: "the command could not be sent, or the adapter is not in the registry",
+    -3: "no reply or an unexpected one",
+    -4: "no reply, a reply with another code, or of the wrong length",
+    -5: "bad argument: channel out of range, or a length the adapter cannot carry",
+    1: "nobody acknowledged the address",
+    2: "the slave refused a data byte",
+    3: "the packet error code did not match",
+    4: "the transfer or its event did not happen in time",
+}
+SPI_CODES = {
+    -2: "the command could not be sent, or the adapter is not in the registry",
+    -4: "no reply, or a reply of the wrong length",
+    -5: "bad argument: channel out of range, or a length the adapter cannot carry",
+    -6: "the adapter's status was not 0: the event did not come",
+}
 DBC_CODES = {
     -3: "a name or output argument is missing",
     -4: "the database handle is not live",
@@ -73,6 +111,9 @@ _FAMILIES = {
     "CAN": (CanError, CAN_CODES),
     "LIN": (LinError, LIN_CODES),
     "DBC": (DbcError, DBC_CODES),
+    "UDS": (UdsError, UDS_CODES),
+    "I2C": (I2cError, I2C_CODES),
+    "SPI": (SpiError, SPI_CODES),
     "LDF": (LdfError, LDF_CODES),
     "USB": (DeviceError, DEVICE_CODES),
 }
@@ -87,6 +128,14 @@ def error(family, function, code, meaning=None):
 def check(family, function, result):
     """Returns a non-negative result unchanged; raises the family's exception otherwise."""
     if result < 0:
+        raise error(family, function, result)
+    return result
+
+
+def check_status(family, function, result):
+    """For transfers that answer 0, a negative library code, or the adapter's positive
+    bus status: anything but 0 raises the family's exception."""
+    if result != 0:
         raise error(family, function, result)
     return result
 

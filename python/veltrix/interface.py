@@ -14,7 +14,9 @@ import time
 import can
 
 from . import _library
+from . import canfd
 from .can import READ_CHUNK, TIME_UNIT_S, CanChannel, CanFrame, FilterRule
+from .canfd import CanFdChannel, CanFdFrame
 from .device import Adapter, parse_handle, scan
 from .errors import VeltrixError
 
@@ -51,24 +53,25 @@ def _operation_error(e):
 
 
 class VeltrixBus(can.BusABC):
-    """A classic CAN port of a VELTRIX adapter as a python-can bus."""
+    """A CAN or CAN FD port of a VELTRIX adapter as a python-can bus."""
 
     def __init__(self, channel, can_filters=None, bitrate=500000, fd=False,
                  data_bitrate=None, receive_own_messages=False, **kwargs):
-        if fd:
-            # CAN FD ports take their own timing and frame records; this library build
-            # carries only the classic family.
-            if not _library.has("CANFD_Init"):
-                raise can.CanInterfaceNotImplementedError(
-                    "CAN FD is not available in this build of libVELTRIX")
         try:
             handle, port = parse_channel(channel)
-            if isinstance(bitrate, bool) or not isinstance(bitrate, int) or bitrate <= 0:
-                raise ValueError(f"bitrate must be a positive number of bit/s, not {bitrate!r}")
+            if data_bitrate is None:
+                data_bitrate = bitrate  # no faster data phase asked for
+            for name, rate in (("bitrate", bitrate), ("data_bitrate", data_bitrate)):
+                if isinstance(rate, bool) or not isinstance(rate, int) or rate <= 0:
+                    raise ValueError(f"{name} must be a positive number of bit/s, not {rate!r}")
+            if fd and not canfd.is_fd_model(handle):
+                raise ValueError(f"adapter {handle:08X} has no CAN FD ports")
         except ValueError as e:
             raise can.CanInitializationError(str(e)) from None
+        self._fd = bool(fd)
         self.channel = f"{handle:08X}:{port}"
-        self.channel_info = f"VELTRIX adapter {handle:08X} port {port}, {bitrate} bit/s"
+        self.channel_info = (f"VELTRIX adapter {handle:08X} port {port}, {bitrate} bit/s"
+                             + (f", data phase {data_bitrate} bit/s" if fd else ""))
         self._receive_own = bool(receive_own_messages)
         # The adapter does not hand back what it sent; with receive_own_messages the bus
         # returns each accepted frame itself (appended by send, taken by recv: a deque
@@ -79,8 +82,14 @@ class VeltrixBus(can.BusABC):
         self._shut = threading.Event()
         self._heard = time.monotonic()
         try:
-            self._port = CanChannel(Adapter(handle), port, bitrate)
-            self._time_base = self._read_time_base()
+            if self._fd:
+                self._port = CanFdChannel(Adapter(handle), port, bitrate, data_bitrate)
+                # FD frame times count 10 us units from a clock the adapter's time query
+                # does not report: the first frame received anchors them on the host clock.
+                self._time_base = None
+            else:
+                self._port = CanChannel(Adapter(handle), port, bitrate)
+                self._time_base = self._read_time_base()
         except _library.LibraryNotFound as e:
             raise can.CanInterfaceNotImplementedError(str(e)) from None
         except (VeltrixError, ValueError) as e:
@@ -102,6 +111,13 @@ class VeltrixBus(can.BusABC):
         return counter, (before + after) / 2
 
     def _epoch(self, frame_time):
+        if self._fd:
+            if self._time_base is None:
+                self._time_base = frame_time, time.time()
+            counter, host = self._time_base
+            wrap = 1 << canfd.TIME_BITS
+            delta = (frame_time - counter + wrap // 2) % wrap - wrap // 2
+            return host + delta * canfd.TIME_UNIT_S
         # Frames may predate the anchor (received between the port's start and the counter
         # read), so the distance is taken as signed: about 2.5 days either way.
         counter, host = self._time_base
@@ -109,6 +125,12 @@ class VeltrixBus(can.BusABC):
         return host + delta * TIME_UNIT_S
 
     def _to_message(self, frame):
+        if self._fd:
+            return can.Message(timestamp=self._epoch(frame.time), arbitration_id=frame.id,
+                               is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                               data=frame.data, is_fd=frame.fd, bitrate_switch=frame.brs,
+                               error_state_indicator=frame.esi, channel=self.channel,
+                               is_rx=not frame.tx)
         return can.Message(timestamp=self._epoch(frame.time), arbitration_id=frame.id,
                            is_extended_id=frame.extended, is_remote_frame=frame.remote,
                            dlc=frame.dlc, data=frame.data, channel=self.channel,
@@ -160,15 +182,36 @@ class VeltrixBus(can.BusABC):
 
     # ---- sending ------------------------------------------------------------------
 
-    def send(self, msg, timeout=None):
-        if msg.is_fd:
-            raise can.CanOperationError("this port sends classic frames only")
+    def _frame(self, msg):
         if msg.is_error_frame:
-            raise can.CanOperationError("error frames cannot be sent")
+            raise ValueError("error frames cannot be sent")
+        if self._fd:
+            if msg.is_remote_frame and msg.dlc:
+                # The CAN FD record has no length apart from its data bytes.
+                raise ValueError("a remote frame on a CAN FD port asks for no data bytes")
+            return CanFdFrame(id=msg.arbitration_id, data=bytes(msg.data),
+                              extended=msg.is_extended_id, fd=msg.is_fd,
+                              brs=msg.bitrate_switch, esi=msg.error_state_indicator,
+                              remote=msg.is_remote_frame)
+        if msg.is_fd:
+            raise ValueError("this bus was opened without fd=True and sends classic frames only")
+        return CanFrame(id=msg.arbitration_id, data=bytes(msg.data), extended=msg.is_extended_id,
+                        remote=msg.is_remote_frame, dlc=msg.dlc if msg.is_remote_frame else -1)
+
+    def _own_message(self, frame):
+        if self._fd:
+            return can.Message(timestamp=time.time(), arbitration_id=frame.id,
+                               is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                               data=frame.data, is_fd=frame.fd, bitrate_switch=frame.brs,
+                               error_state_indicator=frame.esi, channel=self.channel,
+                               is_rx=False)
+        return can.Message(timestamp=time.time(), arbitration_id=frame.id,
+                           is_extended_id=frame.extended, is_remote_frame=frame.remote,
+                           dlc=frame.dlc, data=frame.data, channel=self.channel, is_rx=False)
+
+    def send(self, msg, timeout=None):
         try:
-            frame = CanFrame(id=msg.arbitration_id, data=bytes(msg.data),
-                             extended=msg.is_extended_id, remote=msg.is_remote_frame,
-                             dlc=msg.dlc if msg.is_remote_frame else -1)
+            frame = self._frame(msg)
         except ValueError as e:
             raise can.CanOperationError(str(e)) from None
         deadline = None if timeout is None else time.monotonic() + timeout
@@ -176,15 +219,17 @@ class VeltrixBus(can.BusABC):
             if self._shut.is_set():
                 raise can.CanOperationError("the bus has been shut down")
             try:
-                if self._port.send([frame]) == 1:
+                sent = self._port.send([frame])
+                if sent == 1:
                     if self._receive_own:
-                        self._own.append(can.Message(
-                            timestamp=time.time(), arbitration_id=frame.id,
-                            is_extended_id=frame.extended, is_remote_frame=frame.remote,
-                            dlc=frame.dlc, data=frame.data, channel=self.channel, is_rx=False))
+                        self._own.append(self._own_message(frame))
                     return
             except VeltrixError as e:
                 raise _operation_error(e) from None
+            if self._fd:
+                # A CAN FD send waits until the frame is on the bus; no transmit event
+                # means the adapter gave up on it, and sending again could duplicate it.
+                raise can.CanOperationError("the adapter did not put the frame on the bus")
             # The adapter took nothing: its transmit buffer is full. Wait for room while
             # the caller's timeout allows.
             if deadline is None or time.monotonic() >= deadline:
@@ -227,5 +272,11 @@ class VeltrixBus(can.BusABC):
             adapters = scan()
         except (OSError, VeltrixError):
             return []
-        return [{"interface": "veltrix", "channel": f"{a.handle:08X}:{port}"}
-                for a in adapters for port in (0, 1)]
+        configs = []
+        for a in adapters:
+            for port in (0, 1):
+                config = {"interface": "veltrix", "channel": f"{a.handle:08X}:{port}"}
+                if canfd.is_fd_model(a.handle):
+                    config["fd"] = True
+                configs.append(config)
+        return configs

@@ -84,6 +84,22 @@ class CANFD_BUS_ERROR(ctypes.Structure):
     _fields_ = [("TxErrorCounter", _u8), ("RxErrorCounter", _u8), ("Reserved", _u8 * 2)]
 
 
+class CANFD_TX_INFO(ctypes.Structure):
+    _fields_ = [("QueuedCount", _u8), ("Reserved", _u8), ("SentCount", _u8), ("Aborted", _u8)]
+
+
+class CANFD_DIAGNOSTIC(ctypes.Structure):
+    _fields_ = [("Data", _u8 * 8)]
+
+
+class CAN_RELAY_CONFIG(ctypes.Structure):
+    _fields_ = [("Words", _u32 * 11), ("RuleCount", _u32)]
+
+
+class CAN_RELAY_RULE(ctypes.Structure):
+    _fields_ = [("Data", _u8 * 168)]
+
+
 class LIN_EX_MSG(ctypes.Structure):
     _fields_ = [("Timestamp", ctypes.c_uint), ("MsgType", _u8), ("CheckType", _u8),
                 ("DataLen", _u8), ("Sync", _u8), ("PID", _u8), ("Data", _u8 * 8),
@@ -192,6 +208,39 @@ class VCI_BOARD_INFO(ctypes.Structure):
                 ("InterfaceVersion", _u16), ("IrqNumber", _u16), ("CanPortCount", _u8),
                 ("SerialNumber", ctypes.c_char * 20), ("HardwareType", ctypes.c_char * 40),
                 ("Reserved", _u16 * 4)]
+
+
+class IIC_CONFIG(ctypes.Structure):
+    _fields_ = [("ClockSpeedHz", _u32), ("OwnAddr", _u16), ("Master", _u8), ("AddrBits", _u8),
+                ("Options", _u8 * 2), ("Reserved", _u8 * 2)]
+
+
+class SPI_CONFIG(ctypes.Structure):
+    _fields_ = [(n, _u8) for n in ("Mode", "Master", "CPOL", "CPHA", "LSBFirst", "SelPolarity")]
+    _fields_ += [("Reserved", _u8 * 2), ("ClockSpeedHz", _u32)]
+
+
+class SPI_FLASH_CONFIG(ctypes.Structure):
+    _fields_ = [("Cmd", _u8 * 31), ("IDLength", _u8), ("Param64", _u8 * 8), ("Param32", _u8 * 4)]
+
+
+class UART_CONFIG(ctypes.Structure):
+    _fields_ = [("BaudRate", _u32), ("WordLength", _u8), ("StopBits", _u8), ("Parity", _u8),
+                ("TEPolarity", _u8)]
+
+
+class PWM_CONFIG(ctypes.Structure):
+    _fields_ = [("Prescaler", _u16 * 8), ("Precision", _u16 * 8), ("Pulse", _u16 * 8),
+                ("Phase", _u16 * 8), ("Polarity", _u8 * 8), ("ChannelMask", _u8),
+                ("Reserved", _u8)]
+
+
+class PWM_CAP_DATA(ctypes.Structure):
+    _fields_ = [("PeriodTicks", _u32), ("HighTicks", _u32), ("ClockHz", _u32)]
+
+
+class ADS1256_CONFIG(ctypes.Structure):
+    _fields_ = [("SampleRate", _u16), ("Gain", _u8), ("BufferEn", _u8), ("Channels", _u32)]
 
 
 # Families that land later add their records to this module and nothing else changes:
