@@ -16,7 +16,6 @@
 
 #include "peripherals/adc/adc_state.hpp"
 #include "sim/adc.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/adc.h"
 #include "veltrix/usb_device.h"
@@ -111,11 +110,3 @@ BENCHMARK(BM_AdcStream)
     ->Unit(benchmark::kSecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

@@ -15,7 +15,6 @@
 
 #include "can/can_state.hpp"
 #include "can/receive.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/can.h"
 #include "veltrix/usb_device.h"
@@ -144,11 +143,3 @@ void BM_SaturatedBus(benchmark::State& state) {
 BENCHMARK(BM_SaturatedBus)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

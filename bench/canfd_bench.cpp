@@ -19,7 +19,6 @@
 #include "can/fd_state.hpp"
 #include "device/locks.hpp"
 #include "device/wire.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/canfd.h"
 #include "veltrix/usb_device.h"
@@ -157,11 +156,3 @@ void BM_FdEndToEnd(benchmark::State& state) {
 BENCHMARK(BM_FdEndToEnd)->Arg(128)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

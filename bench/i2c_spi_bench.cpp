@@ -20,7 +20,6 @@
 
 #include "peripherals/spi/spi_state.hpp"
 #include "sim/i2c_bus.hpp"
-#include "sim/reexec.hpp"
 #include "sim/spi_bus.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/i2c.h"
@@ -185,11 +184,3 @@ BENCHMARK(BM_SpiSlaveStream)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

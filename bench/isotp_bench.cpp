@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "protocols/isotp_reassembler.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "sim/uds_server.hpp"
 #include "veltrix/can.h"
@@ -162,11 +161,3 @@ BENCHMARK(BM_RequestAndEcho4095Fd500k2M)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

@@ -13,7 +13,6 @@
 
 #include "device/transport.hpp"
 #include "sim/model.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/usb_device.h"
 
@@ -85,11 +84,3 @@ void BM_SoakResidentGrowth(benchmark::State& state) {
 BENCHMARK(BM_SoakResidentGrowth)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

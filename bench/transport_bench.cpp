@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "device/transport.hpp"
-#include "sim/reexec.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/usb_device.h"
 
@@ -41,11 +40,3 @@ void BM_Exchange(benchmark::State& state) {
 BENCHMARK(BM_Exchange)->Arg(0)->Arg(64)->Arg(2000)->Arg(40000)->UseRealTime();
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  veltrix::sim::ensure_umockdev(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}

@@ -22,16 +22,16 @@ std::optional<Reply> set_mode(Model& m, const Command& c, PinMode mode) {
 
 bool GpioSim::level(int pin) const {
   std::vector<bool> on_net(kGpioPins, false);
-  std::vector<int> todo{pin};
+  std::vector<int> pending{pin};
   on_net[pin] = true;
-  while (!todo.empty()) {
-    int p = todo.back();
-    todo.pop_back();
+  while (!pending.empty()) {
+    int p = pending.back();
+    pending.pop_back();
     for (auto [a, b] : wires) {
       int other = a == p ? b : b == p ? a : -1;
       if (other >= 0 && other < kGpioPins && !on_net[other]) {
         on_net[other] = true;
-        todo.push_back(other);
+        pending.push_back(other);
       }
     }
   }

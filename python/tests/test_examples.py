@@ -16,9 +16,9 @@ EXAMPLES = os.environ.get("VELTRIX_EXAMPLES_DIR",
 
 
 def example(name):
-    spec = importlib.util.spec_from_file_location(name, os.path.join(EXAMPLES, name + ".py"))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location(name, os.path.join(EXAMPLES, name + ".py"))
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 

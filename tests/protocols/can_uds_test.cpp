@@ -377,8 +377,9 @@ TEST_P(RoundTrips, EchoComesBackIntact) {
   EXPECT_EQ(code, int(msg.size()));
   EXPECT_THAT(got, BytesEq(msg));
   if (GetParam().fd_length == 0) {
-    if (GetParam().extended)
+    if (GetParam().extended) {
       for (const Bytes& f : sent_frames(*model)) EXPECT_EQ(f.at(0), 0xE0);
+    }
     return;
   }
   // Every frame is the planned length, in CAN FD format with bit rate switching.
