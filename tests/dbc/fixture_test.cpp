@@ -55,7 +55,7 @@ TEST_F(DbcFixtureFile, MessagesSignalsAndComments) {
   EXPECT_EQ(volt.unit, "V");
   EXPECT_EQ(volt.receivers, (std::vector<std::string>{"BCM", "DCU", "ICM"}));
   EXPECT_EQ(volt.comment, "Supply voltage");  // a comment keeps the part on its first line
-  EXPECT_EQ(msg(1020).sender, "Vector__XXX");
+  EXPECT_EQ(msg(1020).sender, "DIAG");
 }
 
 TEST_F(DbcFixtureFile, MotorolaSignalsCountFromTheirLeastSignificantBit) {
