@@ -237,9 +237,9 @@ void can_get(const Target& t, Args& a) {
       expect(CAN_GetCANMsgFromUDSBuffer(t.handle, p, out.data(), size), size, {});
       break;
     }
-    // The CAN FD model's queues belong to the CAN FD family, which answers -2 when absent.
+    // On the CAN FD model the CAN FD family clears, and reports a failed fetch.
     default:
-      expect(CAN_ClearMsg(t.handle, p), 0, {-2});
+      expect(CAN_ClearMsg(t.handle, p), 0, kCanFail);
   }
 }
 

@@ -260,7 +260,8 @@ VELTRIX_API int CAN_GetMsgWithSize(unsigned int DevHandle, unsigned char CANInde
                                    CAN_MSG* pCanGetMsg, int BufferSize);
 
 /* Empties the port's queue. When the port is not polled, first fetches and discards
- * what the adapter holds. The ISO-TP queue is not touched. Returns 0. */
+ * what the adapter holds. The ISO-TP queue is not touched. Returns 0; on a CAN FD model
+ * the result of CANFD_ClearMsg (0, -2, -4: the fetch's failure). */
 VELTRIX_API int CAN_ClearMsg(unsigned int DevHandle, unsigned char CANIndex);
 
 /* Stops polling the port, stops the port in the adapter and empties its queue.
