@@ -5,7 +5,6 @@
 
 #include <mutex>
 
-#include "device/wire.hpp"
 #include "tests/support/sim_fixture.hpp"
 
 namespace veltrix::test {
@@ -22,23 +21,15 @@ class PeriphTest : public SimTest {
     return f(*m_);
   }
   std::vector<Bytes> sent(uint32_t code) { return payloads(*m_, code); }
-  void fault(sim::FaultKind kind, uint32_t code, uint32_t arg = 0) {
-    sim::Fault f;
-    f.kind = kind;
-    f.match_code = code;
-    f.arg = arg;
+  void inject(const sim::Fault& f) {
+    std::scoped_lock g(sim::sim_mutex());
     m_->inject(f);
+  }
+  void fault(sim::FaultKind kind, uint32_t code, uint32_t arg = 0) {
+    inject(test::fault(kind, code, arg));
   }
   // The adapter answers `code` with exactly this header and payload.
-  void raw_reply(uint32_t code, const Bytes& payload) {
-    sim::Fault f;
-    f.kind = sim::FaultKind::RawReply;
-    f.match_code = code;
-    wire::PayloadBuilder b;
-    b.be32(code).be32(uint32_t(payload.size())).bytes(payload);
-    f.raw = b.vec();
-    m_->inject(f);
-  }
+  void raw_reply(uint32_t code, const Bytes& payload) { inject(test::raw_reply(code, payload)); }
 
   uint32_t dev_ = 0;
   std::shared_ptr<sim::Model> m_;

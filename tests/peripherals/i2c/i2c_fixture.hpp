@@ -8,42 +8,23 @@
 
 #include "device/wire.hpp"
 #include "sim/i2c_bus.hpp"
-#include "tests/support/sim_fixture.hpp"
+#include "tests/peripherals/periph_fixture.hpp"
 #include "veltrix/i2c.h"
 
 namespace veltrix::test {
 
 inline constexpr int kI2cDev = 0x49000042;
 
-class I2cTest : public SimTest {
+class I2cTest : public PeriphTest {
  protected:
   void SetUp() override {
     SimTest::SetUp();
-    m_ = plug_and_open(kI2cDev);
+    open(kI2cDev);
   }
   template <typename F>
   auto with_channel(int ch, F f) {
     std::scoped_lock g(sim::sim_mutex());
     return f(sim::i2c_bus(*m_).ch[size_t(ch)]);
-  }
-  std::vector<Bytes> sent(uint32_t code) { return payloads(*m_, code); }
-  void raw_reply(uint32_t code, const Bytes& payload) {
-    sim::Fault f;
-    f.kind = sim::FaultKind::RawReply;
-    f.match_code = code;
-    wire::PayloadBuilder b;
-    b.be32(code).be32(uint32_t(payload.size())).bytes(payload);
-    f.raw = b.vec();
-    std::scoped_lock g(sim::sim_mutex());
-    m_->inject(f);
-  }
-  void fault(sim::FaultKind kind, uint32_t code, uint32_t arg = 0) {
-    sim::Fault f;
-    f.kind = kind;
-    f.match_code = code;
-    f.arg = arg;
-    std::scoped_lock g(sim::sim_mutex());
-    m_->inject(f);
   }
   // The EEPROM acknowledges nothing while it programs: poll it as a host would.
   void wait_eeprom_ready(uint8_t ch = 0) {
@@ -52,7 +33,6 @@ class I2cTest : public SimTest {
     FAIL() << "EEPROM never finished its write cycle";
   }
 
-  std::shared_ptr<sim::Model> m_;
 };
 
 }  // namespace veltrix::test

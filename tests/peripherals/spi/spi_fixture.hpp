@@ -8,7 +8,7 @@
 
 #include "device/wire.hpp"
 #include "sim/spi_bus.hpp"
-#include "tests/support/sim_fixture.hpp"
+#include "tests/peripherals/periph_fixture.hpp"
 #include "veltrix/spi.h"
 
 namespace veltrix::test {
@@ -32,38 +32,18 @@ inline SPI_FLASH_CONFIG flash_table(uint8_t id_length = 3) {
   return c;
 }
 
-class SpiTest : public SimTest {
+class SpiTest : public PeriphTest {
  protected:
   void SetUp() override {
     SimTest::SetUp();
-    m_ = plug_and_open(kSpiDev);
+    open(kSpiDev);
   }
   template <typename F>
   auto with_channel(int ch, F f) {
     std::scoped_lock g(sim::sim_mutex());
     return f(sim::spi_bus(*m_).ch[size_t(ch)]);
   }
-  std::vector<Bytes> sent(uint32_t code) { return payloads(*m_, code); }
-  void raw_reply(uint32_t code, const Bytes& payload) {
-    sim::Fault f;
-    f.kind = sim::FaultKind::RawReply;
-    f.match_code = code;
-    wire::PayloadBuilder b;
-    b.be32(code).be32(uint32_t(payload.size())).bytes(payload);
-    f.raw = b.vec();
-    std::scoped_lock g(sim::sim_mutex());
-    m_->inject(f);
-  }
-  void fault(sim::FaultKind kind, uint32_t code, uint32_t arg = 0) {
-    sim::Fault f;
-    f.kind = kind;
-    f.match_code = code;
-    f.arg = arg;
-    std::scoped_lock g(sim::sim_mutex());
-    m_->inject(f);
-  }
 
-  std::shared_ptr<sim::Model> m_;
 };
 
 }  // namespace veltrix::test
