@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "peripherals/adc/adc_state.hpp"
 #include "sim/adc.hpp"
 #include "sim/testbed.hpp"
@@ -27,19 +28,7 @@ constexpr auto kRunTime = std::chrono::seconds(3);
 
 std::shared_ptr<veltrix::sim::Model> model;
 
-void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    model = veltrix::sim::Testbed::instance().add_adapter(id);
-    USB_ScanDevice(nullptr);
-    return USB_OpenDevice(kSerial) == 1;
-  }();
-  if (!done) {
-    std::fprintf(stderr, "adc_bench: virtual adapter not opened\n");
-    std::abort();
-  }
-}
+void setup_once() { model = veltrix::bench::open_virtual_adapter(kSerial); }
 
 double cpu_seconds(clockid_t id) {
   timespec ts{};

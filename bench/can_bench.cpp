@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "can/can_state.hpp"
 #include "can/receive.hpp"
 #include "sim/testbed.hpp"
@@ -26,17 +27,11 @@ constexpr uint32_t kSerial = 0x31000001;
 std::shared_ptr<veltrix::sim::Model> g_model;
 
 void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    g_model = veltrix::sim::Testbed::instance().add_adapter(id);
-    USB_ScanDevice(nullptr);
-    if (USB_OpenDevice(kSerial) != 1) return false;
+  g_model = veltrix::bench::open_virtual_adapter(kSerial, [](veltrix::sim::Model&) {
     CAN_CHANNEL_CONFIG c{};
     CAN_GetCANSpeedArg(kSerial, &c, 1000000);
     return CAN_Init(kSerial, 0, &c) == 0 && CAN_Init(kSerial, 1, &c) == 0;
-  }();
-  if (!done) std::abort();
+  });
 }
 
 std::vector<CAN_MSG> batch(size_t n, bool shuffled) {

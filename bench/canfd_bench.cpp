@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "can/fd_receive.hpp"
 #include "can/fd_state.hpp"
 #include "device/locks.hpp"
@@ -30,23 +31,14 @@ constexpr size_t kElement = 12 + 64;
 
 std::shared_ptr<veltrix::sim::Model> g_model;
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "canfd_bench: %s\n", what);
-  std::abort();
-}
+using veltrix::bench::fail;
 
 void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    g_model = veltrix::sim::Testbed::instance().add_adapter(id);
-    USB_ScanDevice(nullptr);
-    if (USB_OpenDevice(kSerial) != 1) return false;
+  g_model = veltrix::bench::open_virtual_adapter(kSerial, [](veltrix::sim::Model&) {
     CANFD_CHANNEL_CONFIG c{};
     return CANFD_GetCANSpeedArg(kSerial, &c, 1000000, 5000000) == 0 &&
            CANFD_Init(kSerial, 0, &c) == 0 && CANFD_Init(kSerial, 1, &c) == 0;
-  }();
-  if (!done) fail("the virtual adapter did not open");
+  });
 }
 
 // A read reply of n 64-byte FD frames with BRS, identifiers 0..n-1, built by hand from

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "peripherals/spi/spi_state.hpp"
 #include "sim/i2c_bus.hpp"
 #include "sim/spi_bus.hpp"
@@ -34,10 +35,7 @@ constexpr double kI2cClockHz = 400e3;
 
 std::shared_ptr<veltrix::sim::Model> g_model;
 
-void die(const char* why) {
-  std::fprintf(stderr, "i2c_spi_bench: %s\n", why);
-  std::abort();
-}
+using veltrix::bench::fail;
 
 std::vector<uint8_t> pattern(size_t n, unsigned seed) {
   std::vector<uint8_t> b(n);
@@ -46,12 +44,7 @@ std::vector<uint8_t> pattern(size_t n, unsigned seed) {
 }
 
 void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    g_model = veltrix::sim::Testbed::instance().add_adapter(id);
-    USB_ScanDevice(nullptr);
-    if (USB_OpenDevice(kSerial) != 1) return false;
+  g_model = veltrix::bench::open_virtual_adapter(kSerial, [](veltrix::sim::Model& m) {
     SPI_FLASH_CONFIG c{};
     c.Cmd[SPI_FLASH_CMD_READ_DATA] = 0x03;
     c.Cmd[SPI_FLASH_CMD_READ_ID] = 0x9F;
@@ -59,11 +52,10 @@ void setup_once() {
     if (SPI_FlashInit(int(kSerial), 0, unsigned(kSpiClockHz), &c) != 0) return false;
     if (SMBUS_Init(int(kSerial), 0, unsigned(kI2cClockHz), 0) != 0) return false;
     std::scoped_lock g(veltrix::sim::sim_mutex());
-    veltrix::sim::spi_bus(*g_model).ch[0].flash.mem = pattern(veltrix::sim::NorFlash::kSize, 1);
-    veltrix::sim::i2c_bus(*g_model).ch[0].eeprom().mem = pattern(veltrix::sim::Eeprom24::kSize, 2);
+    veltrix::sim::spi_bus(m).ch[0].flash.mem = pattern(veltrix::sim::NorFlash::kSize, 1);
+    veltrix::sim::i2c_bus(m).ch[0].eeprom().mem = pattern(veltrix::sim::Eeprom24::kSize, 2);
     return true;
-  }();
-  if (!done) die("virtual adapter set-up failed");
+  });
 }
 
 void clear_record() {
@@ -80,10 +72,10 @@ void BM_SpiFlashRead(benchmark::State& state) {
   for (auto _ : state) {
     for (size_t at = 0; at < got.size(); at += chunk)
       if (SPI_FlashRead(int(kSerial), 0, unsigned(at), got.data() + at, int(chunk)) != 0)
-        die("flash read failed");
+        fail("flash read failed");
     clear_record();
   }
-  if (got != want) die("flash contents read back wrong");
+  if (got != want) fail("flash contents read back wrong");
   const double bytes = double(state.iterations()) * double(got.size());
   state.SetBytesProcessed(int64_t(bytes));
   state.counters["bus_limit_Bps"] = kSpiClockHz / 8;
@@ -103,11 +95,11 @@ void BM_I2cEepromRead(benchmark::State& state) {
     for (size_t at = 0; at < got.size(); at += chunk) {
       uint8_t a[2] = {uint8_t(at >> 8), uint8_t(at)};
       if (IIC_WriteReadBytes(int(kSerial), 0, 0x50, a, 2, got.data() + at, int(chunk), 100) != 0)
-        die("EEPROM read failed");
+        fail("EEPROM read failed");
     }
     clear_record();
   }
-  if (got != want) die("EEPROM contents read back wrong");
+  if (got != want) fail("EEPROM contents read back wrong");
   const double bytes = double(state.iterations()) * double(got.size());
   state.SetBytesProcessed(int64_t(bytes));
   // Each byte costs nine clocks (eight data bits and the acknowledge).
@@ -152,7 +144,7 @@ void BM_SpiSlaveStream(benchmark::State& state) {
           g_stream_sum += s;
           g_stream_bytes += uint64_t(n);
         }) != 0)
-      die("continuous read did not start");
+      fail("continuous read did not start");
     pthread_t reader;
     {
       auto& slot = veltrix::spi::state().slave[size_t(veltrix::spi::slot_of(int(kSerial)))];
@@ -167,8 +159,8 @@ void BM_SpiSlaveStream(benchmark::State& state) {
     }
     const double wall =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (SPI_SlaveContinueReadStop(int(kSerial), 1) != 0) die("stop failed");
-    if (g_stream_bytes != total || g_stream_sum != want_sum) die("stream arrived incomplete");
+    if (SPI_SlaveContinueReadStop(int(kSerial), 1) != 0) fail("stop failed");
+    if (g_stream_bytes != total || g_stream_sum != want_sum) fail("stream arrived incomplete");
     cpu_share += cpu;
     wall_total += wall;
     clear_record();

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "device/transport.hpp"
 #include "sim/model.hpp"
 #include "sim/testbed.hpp"
@@ -37,17 +38,8 @@ long resident_bytes() {
 }
 
 void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    auto m = veltrix::sim::Testbed::instance().add_adapter(id);
-    m->on(kEcho, [](veltrix::sim::Model&, const veltrix::sim::Command& c) {
-      return std::optional<veltrix::sim::Reply>(veltrix::sim::Reply{kEcho, c.payload});
-    });
-    USB_ScanDevice(nullptr);
-    return USB_OpenDevice(kSerial) == 1;
-  }();
-  if (!done) std::abort();
+  veltrix::bench::open_virtual_adapter(
+      kSerial, [](veltrix::sim::Model& m) { return veltrix::bench::install_echo(m, kEcho); });
 }
 
 // Runs n echo exchanges and checks that every one came back intact.

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "bench/virtual_adapter.hpp"
 #include "device/transport.hpp"
 #include "sim/testbed.hpp"
 #include "veltrix/usb_device.h"
@@ -14,17 +15,8 @@ constexpr uint32_t kSerial = 0x51000001;
 constexpr uint32_t kEcho = 0x0E01;
 
 void setup_once() {
-  static bool done = [] {
-    veltrix::sim::Identity id;
-    id.serial = kSerial;
-    auto m = veltrix::sim::Testbed::instance().add_adapter(id);
-    m->on(kEcho, [](veltrix::sim::Model&, const veltrix::sim::Command& c) {
-      return std::optional<veltrix::sim::Reply>(veltrix::sim::Reply{kEcho, c.payload});
-    });
-    USB_ScanDevice(nullptr);
-    return USB_OpenDevice(kSerial) == 1;
-  }();
-  if (!done) std::abort();
+  veltrix::bench::open_virtual_adapter(
+      kSerial, [](veltrix::sim::Model& m) { return veltrix::bench::install_echo(m, kEcho); });
 }
 
 void BM_Exchange(benchmark::State& state) {
