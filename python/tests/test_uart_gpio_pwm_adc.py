@@ -107,29 +107,6 @@ def test_a_uart_channel_the_adapter_lacks_is_a_reply_error(fresh):
     assert info.value.code == -4 and info.value.function == "UART_Init"
 
 
-@pytest.mark.parametrize("make", [
-    lambda: UartChannel(ADAPTER, 0, parity="mark"),
-    lambda: UartChannel(ADAPTER, 0, stop_bits=3),
-    lambda: UartChannel(ADAPTER, 0, word_length=7),
-    lambda: UartChannel(ADAPTER, 256),
-])
-def test_impossible_uart_settings_are_refused_before_sending(fresh, make):
-    with pytest.raises(ValueError):
-        make()
-    assert fresh.commands(ADAPTER) == []
-
-
-@pytest.mark.parametrize("call", [
-    lambda u: u.write(bytes(65537)), lambda u: u.write(b"x", interval_ms=256),
-])
-def test_impossible_uart_writes_are_refused(fresh, call):
-    with UartChannel(ADAPTER, 0) as uart:
-        fresh.clear(ADAPTER)
-        with pytest.raises(ValueError):
-            call(uart)
-    assert fresh.commands(ADAPTER) == []
-
-
 # ---- GPIO --------------------------------------------------------------------------
 
 def test_gpio_outputs_read_back_and_go_out_as_masks(fresh):
@@ -162,17 +139,6 @@ def test_gpio_pulse_trains_go_out_with_a_period_longer_than_the_pulse(fresh, wid
         gpio.pulses(4, width, period, 3)
     assert fresh.payloads(ADAPTER, GPIO_PULSES) == [struct.pack(">IIII", 0x10, width,
                                                                 sent_period, 3)]
-
-
-@pytest.mark.parametrize("call", [
-    lambda g: g.set_output(32), lambda g: g.write([1], {2: True}), lambda g: g.read(-1),
-    lambda g: g.set_input(0, pull="sideways"), lambda g: g.pulses(0, -1, 10, 1),
-])
-def test_bad_gpio_arguments_are_refused_before_sending(fresh, call):
-    with Gpio(ADAPTER) as gpio:
-        with pytest.raises(ValueError):
-            call(gpio)
-    assert fresh.commands(ADAPTER) == []
 
 
 # ---- PWM ---------------------------------------------------------------------------
@@ -216,19 +182,6 @@ def test_pwm_refusals_raise_with_their_code(fresh, call, code):
     with pytest.raises(veltrix.PwmError) as info:
         call()
     assert info.value.code == code
-
-
-@pytest.mark.parametrize("call", [
-    lambda: pwm.PwmOutput(FD_ADAPTER, 0, 1000, duty=100.5),
-    lambda: pwm.PwmOutput(FD_ADAPTER, 0, 0),
-    lambda: pwm.PwmOutput(FD_ADAPTER, 0, float("nan")),
-    lambda: pwm.PwmOutput(FD_ADAPTER, 8, 1000),
-    lambda: pwm.PwmCapture(FD_ADAPTER, 4),
-])
-def test_impossible_pwm_settings_are_refused_before_sending(fresh, call):
-    with pytest.raises(ValueError):
-        call()
-    assert fresh.commands(FD_ADAPTER) == []
 
 
 # ---- ADC ---------------------------------------------------------------------------
@@ -277,17 +230,6 @@ def test_ads1256_settings_go_out_big_endian(fresh):
                  channels=0x01020304) as ads:
         assert ads.read() == []
     assert fresh.payloads(ADAPTER, ADS_INIT) == [bytes.fromhex("0100f0030101020304")]
-
-
-@pytest.mark.parametrize("call", [
-    lambda: Adc(ADAPTER, [], 1000), lambda: Adc(ADAPTER, 8, 1000), lambda: Adc(ADAPTER, 0, 0),
-    lambda: AdcStream(ADAPTER, 0, 1000, frame_size=0),
-    lambda: AdcStream(ADAPTER, 0, 1000, frame_size=10241),
-])
-def test_impossible_adc_settings_are_refused_before_sending(fresh, call):
-    with pytest.raises(ValueError):
-        call()
-    assert fresh.commands(ADAPTER) == []
 
 
 # ---- An adapter that goes away -----------------------------------------------------
