@@ -62,7 +62,7 @@ def finishes(fn, seconds=30):
     (dict(baudrate=9600, word_length=9, stop_bits=2, parity="even", tx_enable="low"),
      struct.pack("<IBBBB", 9600, 9, 2, 2, 2)),
     (dict(baudrate=19200, parity="odd", tx_enable="high"), struct.pack("<IBBBB", 19200, 8, 0, 1, 1)),
-])
+], ids=["defaults", "9600-even-2-stop-low", "19200-odd-high"])
 def test_uart_settings_go_out_as_the_adapters_record(fresh, kwargs, config):
     with UartChannel(ADAPTER, 2, **kwargs):
         pass
