@@ -248,6 +248,7 @@ def test_an_adc_stream_on_an_unplugged_adapter_ends_with_an_error(dead):
     raised = finishes(consume)
     assert isinstance(raised, veltrix.AdcError) and raised.code == -4
     assert len(received) >= 2 and not stream.running
+    assert veltrix._library.load().ADC_WaitForThreadExit(UNPLUG) == 0  # no reader left
 
 
 @pytest.mark.parametrize("family, use", [
