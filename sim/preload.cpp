@@ -12,6 +12,7 @@
 
 #include "device/wire.hpp"
 #include "sim/testbed.hpp"
+#include "sim/uart.hpp"
 #include "sim/uds_server.hpp"
 
 namespace {
@@ -96,6 +97,20 @@ VELTRIX_SIM_HOOK int veltrix_sim_clear_record(uint32_t serial) {
     auto m = hooked_model(serial);
     if (!m) return -1;
     m->clear_record();
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+// Joins a UART channel's transmit line to its own receive line (on != 0), or parts them,
+// so a program can hear what it sends.
+VELTRIX_SIM_HOOK int veltrix_sim_uart_loopback(uint32_t serial, uint32_t channel, int on) {
+  try {
+    auto m = hooked_model(serial);
+    if (!m || channel >= uint32_t(veltrix::sim::kUartChannels)) return -1;
+    std::scoped_lock g(veltrix::sim::sim_mutex());
+    veltrix::sim::uart_sim(*m).ch[channel].loopback = on != 0;
     return 0;
   } catch (...) {
     return -1;

@@ -1,5 +1,5 @@
 """The virtual adapter's hooks, reached through the symbols veltrix-sim preloads into this
-process: the command record of each adapter, unplug and replug."""
+process: the command record of each adapter, unplug and replug, the UART loopback wire."""
 
 import ctypes
 import struct
@@ -14,6 +14,8 @@ class VirtualAdapters:
                                    ctypes.c_size_t]
         for name in ("veltrix_sim_unplug", "veltrix_sim_replug", "veltrix_sim_clear_record"):
             getattr(self._c, name).argtypes = [ctypes.c_uint32]
+        self._c.veltrix_sim_uart_loopback.argtypes = [ctypes.c_uint32, ctypes.c_uint32,
+                                                      ctypes.c_int]
 
     def commands(self, serial, code=0):
         """[(code, payload bytes)] the adapter received, oldest first."""
@@ -40,6 +42,10 @@ class VirtualAdapters:
 
     def unplug(self, serial):
         assert self._c.veltrix_sim_unplug(serial) == 0
+
+    def uart_loopback(self, serial, channel, on=True):
+        """Joins the UART channel's transmit line to its receive line."""
+        assert self._c.veltrix_sim_uart_loopback(serial, channel, int(on)) == 0
 
     def replug(self, serial):
         assert self._c.veltrix_sim_replug(serial) == 0

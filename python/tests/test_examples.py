@@ -108,3 +108,19 @@ def test_lin_master_reports_an_unknown_schedule(capsys, sim):
         "--adapter", f"{ADAPTER:08X}", "--ldf", os.path.join(CORPUS, "ldf", "lin_diagnostics.ldf"),
         "--schedule", "NoSuchSchedule"])
     assert rc == 1 and "NoSuchSchedule" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize("inputs, rows", [
+    ("0,2", ["in0,in2", "0,8192", "1,8193", "2,8194", "3,8195", "4,8196"]),
+    ("3", ["in3", "12288", "12289", "12290", "12291", "12292"]),
+])
+def test_adc_stream_writes_one_csv_line_per_instant(capsys, sim, inputs, rows):
+    rc = example("adc_stream").main(["--adapter", f"{ADAPTER:08X}", "--inputs", inputs,
+                                     "--rate", "2000", "--count", "5", "--frame", "16"])
+    assert rc == 0 and capsys.readouterr().out.splitlines() == rows
+
+
+@pytest.mark.parametrize("argv", [["--inputs", "9"], ["--inputs", "0", "--frame", "0"]])
+def test_adc_stream_reports_bad_settings(capsys, sim, argv):
+    assert example("adc_stream").main(["--adapter", f"{ADAPTER:08X}"] + argv) == 1
+    assert capsys.readouterr().err.startswith("adc_stream:")

@@ -13,7 +13,7 @@ from veltrix.lin import READ, WRITE, LinFrame
 
 from conftest import ADAPTER, CORPUS
 
-LIN_INIT, LIN_SYNC = 0x0F06, 0x0F07
+LIN_INIT, LIN_SYNC, LIN_START_SCH = 0x0F06, 0x0F07, 0x0F0C
 MOTOHAWK = os.path.join(CORPUS, "dbc", "motohawk.dbc")
 LIN_DIAG = os.path.join(CORPUS, "ldf", "lin_diagnostics.ldf")
 
@@ -191,6 +191,18 @@ def test_ldf_frame_goes_on_the_bus_with_its_packed_signal(sim, adapter):
         assert (kind, length, sync, p, payload[10:10 + length]) == (WRITE, 1, 0x55, pid(1), raw)
         sent = ldf.bus_frames()
     assert [f.id for f in sent][-1] == 1
+
+
+def test_an_ldf_schedule_loads_into_the_adapter_as_master_records(sim, adapter):
+    with Description(LIN_DIAG, ADAPTER, channel=1, master=True) as ldf:
+        raw = ldf.raw("CEM_Frm1")
+        sim.clear(ADAPTER)
+        ldf.load_schedule("Normal_Schedule")
+    # The event-triggered entry is no plain frame and is left out; the master's own frame
+    # is written with its packed signal, the slaves' frames are read, each in its slot.
+    assert sim.payloads(ADAPTER, LIN_START_SCH) == [
+        b"\x01" + record(15, WRITE, 1, raw, 1, checksum(raw, pid(1)))
+        + record(15, READ, 1, b"", 3, 0) + record(15, READ, 1, b"", 5, 0)]
 
 
 @pytest.mark.parametrize("call, code", [

@@ -1,5 +1,6 @@
-"""Python bindings of libVELTRIX: adapters, CAN, CAN FD and LIN channels, UDS over CAN, I2C
-and SPI masters, DBC and LDF databases.
+"""Python bindings of libVELTRIX: adapters, CAN, CAN FD and LIN channels with their schedules,
+UDS over CAN and LIN, I2C/SMBus, SPI (master, slave, flash), UART, GPIO, PWM and ADC, DBC
+and LDF databases.
 
     import veltrix
     for adapter in veltrix.scan():
@@ -12,8 +13,9 @@ The python-can interface is "veltrix" (see veltrix.interface).
 from . import records
 from ._library import LibraryNotFound
 from .device import Adapter, DeviceInfo, scan
-from .errors import (CanError, DbcError, DeviceError, I2cError, LdfError, LinError, SpiError,
-                     UdsError, VeltrixError)
+from .errors import (AdcError, CanError, DbcError, DeviceError, GpioError, I2cError, LdfError,
+                     LinError, LinUdsError, PwmError, SmbusError, SpiError, UartError, UdsError,
+                     VeltrixError)
 
 __version__ = "1.0.0"
 
@@ -25,4 +27,5 @@ if INCLUDE_DIR is not None:
 
 __all__ = ["Adapter", "DeviceInfo", "scan", "VeltrixError", "DeviceError", "CanError",
            "LinError", "DbcError", "LdfError", "UdsError", "I2cError", "SpiError",
+           "SmbusError", "UartError", "GpioError", "PwmError", "AdcError", "LinUdsError",
            "LibraryNotFound"]

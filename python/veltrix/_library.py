@@ -49,6 +49,12 @@ _CHARP = ctypes.c_char_p
 _BYTES = ctypes.POINTER(ctypes.c_ubyte)
 _LDFP = ctypes.POINTER(r.LDF_CODING)
 _FRAMEP = ctypes.POINTER(r.LDF_LIN_FRAME)
+_U16 = ctypes.c_ushort
+_U16P = ctypes.POINTER(ctypes.c_ushort)
+_I16P = ctypes.POINTER(ctypes.c_short)
+_I32P = ctypes.POINTER(ctypes.c_int)
+_F64 = ctypes.c_double
+_F64P = ctypes.POINTER(ctypes.c_double)
 
 PROTOTYPES = [
     # Registry, connection and adapter services.
@@ -100,6 +106,96 @@ PROTOTYPES = [
     ("SPI_WriteBytes", _I32, [_I32, _U8, _BYTES, _I32]),
     ("SPI_ReadBytes", _I32, [_I32, _U8, _BYTES, _I32]),
     ("SPI_WriteReadBytes", _I32, [_I32, _U8, _BYTES, _I32, _BYTES, _I32, _I32]),
+    # SMBus.
+    ("SMBUS_Init", _I32, [_I32, _U8, _U32, _U8]),
+    ("SMBUS_QuickCommand", _I32, [_I32, _U8, _U16, _U8]),
+    ("SMBUS_WriteByte", _I32, [_I32, _U8, _U16, _U8, _U8]),
+    ("SMBUS_ReadByte", _I32, [_I32, _U8, _U16, _BYTES, _U8]),
+    ("SMBUS_WriteByteProtocol", _I32, [_I32, _U8, _U16, _U8, _U8, _U8]),
+    ("SMBUS_WriteWordProtocol", _I32, [_I32, _U8, _U16, _U8, _U16, _U8]),
+    ("SMBUS_ReadByteProtocol", _I32, [_I32, _U8, _U16, _U8, _BYTES, _U8]),
+    ("SMBUS_ReadWordProtocol", _I32, [_I32, _U8, _U16, _U8, _U16P, _U8]),
+    ("SMBUS_ProcessCall", _I32, [_I32, _U8, _U16, _U8, _U16, _U16P, _U8]),
+    ("SMBUS_BlockWrite", _I32, [_I32, _U8, _U16, _U8, _BYTES, _I32, _U8]),
+    ("SMBUS_BlockRead", _I32, [_I32, _U8, _U16, _U8, _BYTES, _I32P, _U8]),
+    ("SMBUS_BlockProcessCall", _I32,
+     [_I32, _U8, _U16, _U8, _BYTES, _I32, _BYTES, _I32P, _U8]),
+    # SPI flash and slave.
+    ("SPI_FlashInit", _I32, [_I32, _U8, _U32, ctypes.POINTER(r.SPI_FLASH_CONFIG)]),
+    ("SPI_FlashReadID", _I32, [_I32, _U8, _BYTES]),
+    ("SPI_FlashWrite", _I32, [_I32, _U8, _U32, _BYTES, _I32]),
+    ("SPI_FlashRead", _I32, [_I32, _U8, _U32, _BYTES, _I32]),
+    ("SPI_FlashReadFast", _I32, [_I32, _U8, _U32, _BYTES, _I32]),
+    ("SPI_FlashEraseSector", _I32, [_I32, _U8, _U32, _I32, _I32]),
+    ("SPI_FlashEraseChip", _I32, [_I32, _U8, _I32]),
+    ("SPI_FlashErase", _I32, [_I32, _U8, _U32, _U8, _U8, _I32]),
+    ("SPI_SlaveWriteBytes", _I32, [_I32, _U8, _BYTES, _I32, _I32]),
+    ("SPI_SlaveWriteReadBytes", _I32, [_I32, _U8, _BYTES, _I32, _BYTES, _I32, _I32]),
+    ("SPI_SlaveReadBytesFromBuffer", _I32, [_I32, _U8, _BYTES, _I32]),
+    ("SPI_SlaveContinueRead", _I32, [_I32, _U8, ctypes.c_void_p]),
+    ("SPI_SlaveGetBytes", _I32, [_I32, _U8, _BYTES, _I32]),
+    ("SPI_SlaveContinueReadStop", _I32, [_I32, _U8]),
+    ("SPI_SlaveContinueWrite", _I32, [_I32, _U8, _BYTES, _I32]),
+    ("SPI_SlaveReadBytes", _I32, [_I32, _U8, _BYTES, _I32, _I32]),
+    # UART.
+    ("UART_Init", _I32, [_U32, _U8, ctypes.POINTER(r.UART_CONFIG)]),
+    ("UART_WriteBytes", _I32, [_U32, _U8, _BYTES, _I32]),
+    ("UART_WriteBytesAsync", _I32, [_U32, _U8, _BYTES, _I32]),
+    ("UART_WriteBytesInterval", _I32, [_U32, _U8, _BYTES, _I32, _U8]),
+    ("UART_ReadBytes", _I32, [_U32, _U8, _BYTES, _I32]),
+    ("UART_ClearData", _I32, [_U32, _U8]),
+    # GPIO.
+    ("GPIO_SetInput", _I32, [_U32, _U32, _U8]),
+    ("GPIO_SetOutput", _I32, [_U32, _U32, _U8]),
+    ("GPIO_SetOpenDrain", _I32, [_U32, _U32, _U8]),
+    ("GPIO_Write", _I32, [_U32, _U32, _U32]),
+    ("GPIO_Read", _I32, [_U32, _U32, ctypes.POINTER(_U32)]),
+    ("GPIO_SendPulses", _I32, [_U32, _U32, _U32, _U32, _U32]),
+    # PWM outputs and capture.
+    ("PWM_Init", _I32, [_U32, ctypes.POINTER(r.PWM_CONFIG)]),
+    ("PWM_Start", _I32, [_U32, _U8, _U32]),
+    ("PWM_Stop", _I32, [_U32, _U8]),
+    ("PWM_GetChannelMask", _U8, [_U32, _U8]),
+    ("PWM_GetMCUFrequency", _U32, [_U32]),
+    ("PWM_CAP_Init", _I32, [_U32, _U8, _U8]),
+    ("PWM_CAP_GetData", _I32, [_U32, _U8, ctypes.POINTER(r.PWM_CAP_DATA)]),
+    ("PWM2_GetTiming", _I32, [_U32, _F64, _U16P, _U16P, _F64P]),
+    ("PWM2_Init", _I32, [_U32, _U8, _F64, _F64, _U8, _F64P]),
+    ("PWM2_Start", _I32, [_U32, _U8, _U32]),
+    ("PWM2_SetDutyCycle", _I32, [_U32, _U8, _F64]),
+    ("PWM2_SetFrequency", _I32, [_U32, _U8, _F64, _F64P]),
+    ("PWM2_Stop", _I32, [_U32, _U8]),
+    # ADC.
+    ("ADC_Init", _I32, [_U32, _U8, _I32]),
+    ("ADC_Read", _I32, [_U32, _I16P, _I32]),
+    ("ADC_StartContinueRead", _I32, [_U32, _U8, _I32, _U32, ctypes.c_void_p]),
+    ("ADC_StopContinueRead", _I32, [_U32]),
+    ("ADC_WaitForThreadExit", _I32, [_U32]),
+    ("ADC_GetData", _I32, [_U32, _I16P, _I32]),
+    ("ADC_GetStreamState", _I32, [_U32, ctypes.POINTER(_U32)]),
+    ("ADS1256_Init", _I32, [_U32, _U8, ctypes.POINTER(r.ADS1256_CONFIG)]),
+    ("ADS1256_Start", _I32, [_U32, _U8]),
+    ("ADS1256_Read", _I32, [_U32, _U8, _I32P]),
+    ("ADS1256_Stop", _I32, [_U32, _U8]),
+    # CAN and CAN FD schedules and relay.
+    ("CAN_SetSchedule", _I32,
+     [_U32, _U8, ctypes.POINTER(r.CAN_MSG), _BYTES, _BYTES, _U8]),
+    ("CAN_StartSchedule", _I32, [_U32, _U8, _U8, _U8, _U8]),
+    ("CAN_StopSchedule", _I32, [_U32, _U8]),
+    ("CAN_SetRelay", _I32, [_U32, _U8]),
+    ("CAN_SetRelayData", _I32,
+     [_U32, ctypes.POINTER(r.CAN_RELAY_CONFIG), ctypes.POINTER(r.CAN_RELAY_RULE)]),
+    ("CAN_GetRelayData", _I32,
+     [_U32, ctypes.POINTER(r.CAN_RELAY_CONFIG), ctypes.POINTER(r.CAN_RELAY_RULE)]),
+    ("CANFD_SetSchedule", _I32,
+     [_U32, _U8, ctypes.POINTER(r.CANFD_MSG), _BYTES, _BYTES, _U8]),
+    ("CANFD_StartSchedule", _I32, [_U32, _U8, _U8, _U8, _U8]),
+    ("CANFD_StopSchedule", _I32, [_U32, _U8]),
+    ("CANFD_SetRelay", _I32, [_U32, _U8]),
+    # UDS over LIN.
+    ("LIN_UDS_Request", _I32, [_I32, _U8, ctypes.POINTER(r.LIN_UDS_ADDR), _BYTES, _I32]),
+    ("LIN_UDS_Response", _I32, [_I32, _U8, ctypes.POINTER(r.LIN_UDS_ADDR), _BYTES, _I32]),
+    ("LIN_UDS_GetMsgFromUDSBuffer", _I32, [_I32, _U8, ctypes.POINTER(r.LIN_EX_MSG), _I32]),
     # LIN.
     ("LIN_EX_Init", _I32, [_I32, _U8, _U32, _U8]),
     ("LIN_EX_MasterSync", _I32,

@@ -156,3 +156,48 @@ class Adapter:
         """A LIN channel of this adapter, initialised as master or slave."""
         from .lin import LinChannel
         return LinChannel(self, channel, baudrate, master)
+
+    def smbus(self, index, **options):
+        """An I2C channel of this adapter as SMBus master."""
+        from .smbus import SmbusChannel
+        return SmbusChannel(self, index, **options)
+
+    def spi_flash(self, index, **options):
+        """A NOR flash on an SPI channel of this adapter."""
+        from .spi_flash import SpiFlash
+        return SpiFlash(self, index, **options)
+
+    def spi_slave(self, index, **options):
+        """An SPI channel of this adapter as slave."""
+        from .spi_slave import SpiSlave
+        return SpiSlave(self, index, **options)
+
+    def uart(self, index, **options):
+        """A UART channel of this adapter, configured."""
+        from .uart import UartChannel
+        return UartChannel(self, index, **options)
+
+    def gpio(self):
+        """The general-purpose pins of this adapter."""
+        from .gpio import Gpio
+        return Gpio(self)
+
+    def pwm(self, channel, frequency_hz, **options):
+        """A PWM output of this adapter, configured (a context manager runs it)."""
+        from .pwm import PwmOutput
+        return PwmOutput(self, channel, frequency_hz, **options)
+
+    def adc(self, inputs, rate):
+        """Analog inputs of this adapter, enabled at `rate` samples per second each."""
+        from .adc import Adc
+        return Adc(self, inputs, rate)
+
+    def lin_uds(self, channel, nad, **options):
+        """A diagnostic conversation with LIN node `nad` on a LIN channel of this adapter."""
+        from .lin_uds import LinUdsClient
+        return LinUdsClient(self, channel, nad, **options)
+
+    def can_schedule(self, port):
+        """The frame tables the adapter sends by itself on CAN port `port`."""
+        from .schedule import CanSchedule
+        return CanSchedule(self, port)

@@ -47,6 +47,30 @@ class LdfError(VeltrixError):
     family = "LDF"
 
 
+class SmbusError(VeltrixError):
+    family = "SMBUS"
+
+
+class UartError(VeltrixError):
+    family = "UART"
+
+
+class GpioError(VeltrixError):
+    family = "GPIO"
+
+
+class PwmError(VeltrixError):
+    family = "PWM"
+
+
+class AdcError(VeltrixError):
+    family = "ADC"
+
+
+class LinUdsError(VeltrixError):
+    family = "LIN_UDS"
+
+
 # Code -> meaning, per family, in the words of the library's headers.
 CAN_CODES = {
     -1: "a record pointer was NULL",
@@ -87,7 +111,7 @@ SPI_CODES = {
     -2: "the command could not be sent, or the adapter is not in the registry",
     -4: "no reply, or a reply of the wrong length",
     -5: "bad argument: channel out of range, or a length the adapter cannot carry",
-    -6: "the adapter's status was not 0: the event did not come",
+    -6: "the adapter's status was not 0 (the event did not come), or the flash stayed busy",
 }
 DBC_CODES = {
     -3: "a name or output argument is missing",
@@ -103,6 +127,42 @@ LDF_CODES = {
     -6: "no frame or signal of that name",
     -7: "the value is not a number, or the response carried no data",
 }
+# SMBus transfers are I2C transfers; block reads report a missing reply as -3.
+SMBUS_CODES = dict(I2C_CODES)
+SMBUS_CODES[-3] = "no reply, or an unexpected one"
+UART_CODES = {
+    -1: "bad argument: adapter not found, or a length out of range; nothing was sent",
+    -2: "the command could not be sent",
+    -4: "no reply (a channel the adapter lacks is not answered), or a reply of the wrong "
+        "length",
+}
+GPIO_CODES = {
+    -1: "bad argument: adapter not found; nothing was sent",
+    -2: "the command could not be sent",
+    -4: "no reply, a failed reply, or a reply of the wrong length",
+}
+PWM_CODES = {
+    -1: "bad argument: adapter not found; nothing was sent",
+    -2: "the command could not be sent",
+    -4: "no reply, a failed reply, or a reply of the wrong length",
+    -5: "the adapter's model has no such output",
+    -6: "the frequency is 0 or out of the timer's reach, or no frequency was set",
+    -7: "the duty cycle is not within 0..100",
+}
+ADC_CODES = {
+    -1: "bad argument: adapter not found, a count out of range, or a read before set-up",
+    -2: "the command could not be sent",
+    -4: "no reply, a reply of the wrong length, or the stream could not be started",
+}
+LIN_UDS_CODES = {
+    -98: "the LIN exchange failed: channel not initialised as master, adapter gone, or a "
+         "bad argument",
+    -99: "no frame came back, a request frame was not echoed intact, or a poll brought a "
+         "bad checksum or no data",
+    -101: "no complete response within the time-out",
+    -103: "consecutive frame out of sequence",
+    -105: "unknown frame type, or a single frame longer than 6 bytes",
+}
 DEVICE_CODES = {
     0: "the adapter did not accept the request",
 }
@@ -116,6 +176,12 @@ _FAMILIES = {
     "SPI": (SpiError, SPI_CODES),
     "LDF": (LdfError, LDF_CODES),
     "USB": (DeviceError, DEVICE_CODES),
+    "SMBUS": (SmbusError, SMBUS_CODES),
+    "UART": (UartError, UART_CODES),
+    "GPIO": (GpioError, GPIO_CODES),
+    "PWM": (PwmError, PWM_CODES),
+    "ADC": (AdcError, ADC_CODES),
+    "LIN_UDS": (LinUdsError, LIN_UDS_CODES),
 }
 
 

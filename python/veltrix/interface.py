@@ -5,6 +5,13 @@ The channel names an adapter by its serial number (hex) and a port after a colon
 left out). Received frames are taken from the library's background queue; their times
 are the adapter's frame times placed on the host's clock once, at start-up, so intervals
 between frames keep the adapter's 100 us resolution.
+
+send_periodic() is python-can's own thread-driven task, not the adapter's schedule tables
+(veltrix.schedule): a port holds one table set, so each new task would have to reload and
+restart every other task on the port; the timing value of a table entry and the start
+options are the firmware's, which the bus cannot promise to mean "period in ms" on every
+model; and modify_data() or a duration would each become a reload. Applications that
+want the adapter to send without the host use CanSchedule directly.
 """
 
 import collections
