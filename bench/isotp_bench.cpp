@@ -140,21 +140,26 @@ size_t commands_so_far(const sim::Model& m) {
   return m.commands().size() + m.dropped_records();
 }
 
-// The calling thread's CPU time for one exchange that carries nothing (a poll of an idle
-// port): libusb, the system calls and the emulation's side of each transfer in this thread.
-// Exchanges that carry frames cost more, so subtracting this per exchange leaves an upper
-// bound of the time spent in the library's own code.
-double empty_exchange_cpu_s(uint32_t serial, bool fd, const sim::Model& model) {
+// The calling thread's CPU time (and the wall time) of one exchange that carries nothing
+// (a poll of an idle port): libusb, the system calls and the emulation's side of each
+// transfer in this thread. Exchanges that carry frames cost more, so subtracting this per
+// exchange leaves an upper bound of the time spent in the library's own code.
+struct ExchangeCost {
+  double cpu_s, wall_s;
+};
+ExchangeCost empty_exchange(uint32_t serial, bool fd, const sim::Model& model) {
   constexpr int kPolls = 50;
   const size_t before = commands_so_far(model);
+  const auto w0 = std::chrono::steady_clock::now();
   const double c0 = cpu_s(CLOCK_THREAD_CPUTIME_ID);
   for (int i = 0; i < kPolls; ++i)
     bench::check((fd ? CANFD_ReadMsgToBuffer(serial, 0) : CAN_ReadMsgToBuffer(serial, 0)) == 0,
                  "polling the idle port");
   const double cpu = cpu_s(CLOCK_THREAD_CPUTIME_ID) - c0;
+  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - w0).count();
   bench::check(commands_so_far(model) - before == kPolls, "one command per poll");
   fd ? CANFD_ClearMsg(serial, 0) : CAN_ClearMsg(serial, 0);
-  return cpu / kPolls;
+  return {cpu / kPolls, wall / kPolls};
 }
 
 // A classic frame with an 11-bit identifier and 8 data bytes: 111 bits plus 3 bits of
@@ -181,7 +186,7 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
   const bool fd = serial == kFdSerial;
   const sim::Model& model = fd ? *g_fd_model : *g_model;
   const bool threaded = state.range(0) != 0;
-  const double per_exchange = empty_exchange_cpu_s(serial, fd, model);
+  const ExchangeCost per_exchange = empty_exchange(serial, fd, model);
   if (threaded)
     bench::check((fd ? CANFD_StartGetMsg(serial, 0) : CAN_StartGetMsg(serial, 0)) == 0,
                  "starting the receive thread");
@@ -228,9 +233,10 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
   state.counters["receiver_share"] = receiver / iterations / bus_s;
   state.counters["emulation_share"] = (process - library) / iterations / bus_s;
   state.counters["exchanges_per_rt"] = commands / iterations;
-  state.counters["empty_exchange_cpu_us"] = per_exchange * 1e6;
+  state.counters["empty_exchange_cpu_us"] = per_exchange.cpu_s * 1e6;
+  state.counters["empty_exchange_wall_us"] = per_exchange.wall_s * 1e6;
   state.counters["library_own_share_max"] =
-      std::max(0.0, library / iterations - commands / iterations * per_exchange) / bus_s;
+      std::max(0.0, library / iterations - commands / iterations * per_exchange.cpu_s) / bus_s;
   state.counters["caller_switches_per_rt"] = double(switches) / iterations;
 }
 
