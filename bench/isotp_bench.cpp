@@ -134,11 +134,26 @@ clockid_t reader_clock(uint32_t serial, bool fd) {
   return id;
 }
 
-// Commands the adapter has received so far, the ones its record dropped included.
-size_t commands_so_far(const sim::Model& m) {
-  std::scoped_lock g(sim::sim_mutex());
-  return m.commands().size() + m.dropped_records();
-}
+// Counts the commands the adapter receives from restart() to count(). The adapter's record
+// keeps a bounded number of entries; a window that overflowed it cannot be counted.
+class CommandWindow {
+ public:
+  explicit CommandWindow(sim::Model& m) : m_(m) { restart(); }
+  void restart() {
+    std::scoped_lock g(sim::sim_mutex());
+    m_.clear_record();
+    dropped_ = m_.dropped_records();
+  }
+  size_t count() const {
+    std::scoped_lock g(sim::sim_mutex());
+    bench::check(m_.dropped_records() == dropped_, "the adapter's command record overflowed");
+    return m_.commands().size();
+  }
+
+ private:
+  sim::Model& m_;
+  size_t dropped_ = 0;
+};
 
 // The calling thread's CPU time (and the wall time) of one exchange that carries nothing
 // (a poll of an idle port): libusb, the system calls and the emulation's side of each
@@ -147,9 +162,9 @@ size_t commands_so_far(const sim::Model& m) {
 struct ExchangeCost {
   double cpu_s, wall_s;
 };
-ExchangeCost empty_exchange(uint32_t serial, bool fd, const sim::Model& model) {
+ExchangeCost empty_exchange(uint32_t serial, bool fd, sim::Model& model) {
   constexpr int kPolls = 50;
-  const size_t before = commands_so_far(model);
+  const CommandWindow window(model);
   const auto w0 = std::chrono::steady_clock::now();
   const double c0 = cpu_s(CLOCK_THREAD_CPUTIME_ID);
   for (int i = 0; i < kPolls; ++i)
@@ -157,7 +172,7 @@ ExchangeCost empty_exchange(uint32_t serial, bool fd, const sim::Model& model) {
                  "polling the idle port");
   const double cpu = cpu_s(CLOCK_THREAD_CPUTIME_ID) - c0;
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - w0).count();
-  bench::check(commands_so_far(model) - before == kPolls, "one command per poll");
+  bench::check(window.count() == kPolls, "one command per poll");
   fd ? CANFD_ClearMsg(serial, 0) : CAN_ClearMsg(serial, 0);
   return {cpu / kPolls, wall / kPolls};
 }
@@ -184,7 +199,7 @@ constexpr double kFdDataBits = 543;
 void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, double frame_s) {
   setup_once();
   const bool fd = serial == kFdSerial;
-  const sim::Model& model = fd ? *g_fd_model : *g_model;
+  sim::Model& model = fd ? *g_fd_model : *g_model;
   const bool threaded = state.range(0) != 0;
   const ExchangeCost per_exchange = empty_exchange(serial, fd, model);
   if (threaded)
@@ -195,7 +210,8 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
   std::vector<uint8_t> out(kMessage + 1);
   double caller = 0, receiver = 0, process = 0, wall = 0;
   long switches = 0;
-  const size_t commands0 = commands_so_far(model);
+  size_t commands = 0;
+  CommandWindow window(model);
   for (auto _ : state) {
     const auto w0 = std::chrono::steady_clock::now();
     const double c0 = cpu_s(CLOCK_THREAD_CPUTIME_ID), r0 = threaded ? cpu_s(reader) : 0;
@@ -212,11 +228,12 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
     if (n != int(kMessage) || std::memcmp(out.data(), msg.data(), kMessage) != 0)
       bench::fail("the echo differs from the request");
     state.PauseTiming();
+    commands += window.count();
     fd ? CANFD_ClearMsg(serial, 0) : CAN_ClearMsg(serial, 0);  // the echoes of our own frames
+    window.restart();
     state.ResumeTiming();
   }
   const double iterations = double(state.iterations());
-  const double commands = double(commands_so_far(model) - commands0);
   if (threaded)
     bench::check((fd ? CANFD_StopGetMsg(serial, 0) : CAN_StopGetMsg(serial, 0)) == 0,
                  "stopping the receive thread");
@@ -232,11 +249,12 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
   state.counters["caller_share"] = caller / iterations / bus_s;
   state.counters["receiver_share"] = receiver / iterations / bus_s;
   state.counters["emulation_share"] = (process - library) / iterations / bus_s;
-  state.counters["exchanges_per_rt"] = commands / iterations;
+  state.counters["exchanges_per_rt"] = double(commands) / iterations;
   state.counters["empty_exchange_cpu_us"] = per_exchange.cpu_s * 1e6;
   state.counters["empty_exchange_wall_us"] = per_exchange.wall_s * 1e6;
   state.counters["library_own_share_max"] =
-      std::max(0.0, library / iterations - commands / iterations * per_exchange.cpu_s) / bus_s;
+      std::max(0.0, library / iterations - double(commands) / iterations * per_exchange.cpu_s) /
+      bus_s;
   state.counters["caller_switches_per_rt"] = double(switches) / iterations;
 }
 
