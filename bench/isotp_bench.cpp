@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include "bench/bench_check.hpp"
 #include "can/can_state.hpp"
 #include "can/fd_state.hpp"
+#include "protocols/isotp_clock.hpp"
 #include "protocols/isotp_reassembler.hpp"
 #include "sim/testbed.hpp"
 #include "sim/uds_server.hpp"
@@ -134,6 +136,14 @@ clockid_t reader_clock(uint32_t serial, bool fd) {
   return id;
 }
 
+// The library's pauses (its clock's sleeps): how often the ISO-TP layer found nothing to do.
+std::atomic<uint64_t> g_naps{0};
+const isotp::Clock g_system_clock = isotp::system_clock();
+void counting_sleep_us(uint32_t us) {
+  g_naps.fetch_add(1, std::memory_order_relaxed);
+  g_system_clock.sleep_us(us);
+}
+
 // Counts the commands the adapter receives from restart() to count(). The adapter's record
 // keeps a bounded number of entries; a window that overflowed it cannot be counted.
 class CommandWindow {
@@ -211,6 +221,8 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
   double caller = 0, receiver = 0, process = 0, wall = 0;
   long switches = 0;
   size_t commands = 0;
+  isotp::active_clock = {g_system_clock.now_us, counting_sleep_us};
+  const uint64_t naps0 = g_naps.load();
   CommandWindow window(model);
   for (auto _ : state) {
     const auto w0 = std::chrono::steady_clock::now();
@@ -234,6 +246,8 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
     state.ResumeTiming();
   }
   const double iterations = double(state.iterations());
+  isotp::active_clock = g_system_clock;
+  const double naps = double(g_naps.load() - naps0);
   if (threaded)
     bench::check((fd ? CANFD_StopGetMsg(serial, 0) : CAN_StopGetMsg(serial, 0)) == 0,
                  "stopping the receive thread");
@@ -256,6 +270,7 @@ void request_and_echo(benchmark::State& state, uint32_t serial, CAN_UDS_ADDR a, 
       std::max(0.0, library / iterations - double(commands) / iterations * per_exchange.cpu_s) /
       bus_s;
   state.counters["caller_switches_per_rt"] = double(switches) / iterations;
+  state.counters["library_naps_per_rt"] = naps / iterations;
 }
 
 void BM_RequestAndEcho4095Classic500k(benchmark::State& state) {
