@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "can/can_state.hpp"
+#include "can/fd_state.hpp"
 #include "device/abi.hpp"
+#include "device/locks.hpp"
 #include "protocols/isotp_clock.hpp"
 #include "protocols/isotp_frames.hpp"
 #include "protocols/isotp_reassembler.hpp"
@@ -23,8 +25,23 @@ bool expired(uint64_t start_us, uint32_t timeout_ms) {
   return now_us() - start_us >= uint64_t(timeout_ms) * 1000;
 }
 
+// The oldest frame of a port's ISO-TP queue, taken without asking the adapter; false when
+// the queue is empty (or the adapter or port has none).
+template <typename Port>
+bool take_queued(Port* ps, uint32_t h, uint8_t port, auto* m) {
+  if (ps == nullptr) return false;
+  ChannelLock g(LockFamily::CanData, h, int(port));
+  return ps->uds.pop(*m);
+}
+
 // The two kinds of port differ only in their frame record and the family calls that carry
 // it; everything above (retries, flow control, segmenting) is shared.
+//
+// take(): the family's queue helper polls the adapter whenever no receive thread does,
+// even when the queue already holds frames. A long message arrives in one poll, so
+// taking its frames through the helper would cost one empty poll per frame: frames
+// already queued are taken first, and the helper (and its poll) is asked only when the
+// queue is empty. The frames come in the same order either way.
 struct ClassicLink {
   using Msg = CAN_MSG;
   static constexpr uint8_t kFrameMax = kClassicLength;
@@ -37,6 +54,8 @@ struct ClassicLink {
     CAN_SetCANMsgToBuffer(h, port, frames.data(), int(frames.size()));
   }
   static int take(uint32_t h, uint8_t port, Msg* m) {
+    const auto slot = can::slot_of(h);
+    if (slot && take_queued(can::port_state(*slot, port), h, port, m)) return 1;
     return CAN_GetCANMsgFromUDSBuffer(h, port, m, 1);
   }
   static void clear(uint32_t h, uint8_t port) { CAN_ClearCANMsgFromUDSBuffer(h, port); }
@@ -61,6 +80,8 @@ struct FdLink {
     CANFD_SetCANMsgToBuffer(h, port, frames.data(), int(frames.size()));
   }
   static int take(uint32_t h, uint8_t port, Msg* m) {
+    const auto slot = can::fd_slot_of(h);
+    if (slot && take_queued(can::fd_port_state(*slot, port), h, port, m)) return 1;
     return CANFD_GetCANMsgFromUDSBuffer(h, port, m, 1);
   }
   static void clear(uint32_t h, uint8_t port) { CANFD_ClearCANMsgFromUDSBuffer(h, port); }

@@ -8,8 +8,8 @@
  * response-pending answer (7F sid 78) come back as ordinary payload.
  *
  * Frames are read from the port's ISO-TP queue (see CAN_GetCANMsgFromUDSBuffer), which
- * the receive thread fills (CAN_StartGetMsg) or, without a thread, each read polls the
- * adapter itself. The application's own receive queue is not disturbed: every frame sent
+ * the receive thread fills (CAN_StartGetMsg) or, without a thread, a read that finds it
+ * empty polls the adapter itself. The application's own receive queue is not disturbed: every frame sent
  * here is also appended to it, marked as sent by this host. Frames of other identifiers
  * arriving during a transfer are consumed from the ISO-TP queue only.
  *

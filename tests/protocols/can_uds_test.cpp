@@ -353,6 +353,37 @@ TEST_F(CanUds, DownloadOf4KBlocksReachesTheServer) {
   server([&](sim::UdsServer& s) { EXPECT_THAT(s.image, BytesEq(image)); });
 }
 
+struct PollCase {
+  const char* name;
+  uint8_t fd_length;  // 0: a classic adapter
+  uint32_t read_code;
+};
+
+class Polls : public CanUds, public ::testing::WithParamInterface<PollCase> {};
+
+// Without a receive thread the reader polls the adapter itself: once for the first frame
+// and once for the consecutive frames its flow control released, all of which one read
+// returns. Frames already queued are not worth another read each.
+TEST_P(Polls, LongResponseTakesOneReadPerBurst) {
+  if (GetParam().fd_length) use_fd(GetParam().fd_length);
+  server([](sim::UdsServer& s) { s.enabled = true; });
+  ASSERT_EQ(request({0x22, 0x50, 0x00}), 0);
+  sim::Model& m = fd_model ? *fd_model : *model;
+  EXPECT_EQ(payloads(m, GetParam().read_code).size(), 0u);
+  int code = 0;
+  const Bytes got = response(&code);
+  ASSERT_EQ(code, 5000);
+  server([&](sim::UdsServer& s) {
+    EXPECT_TRUE(std::equal(got.begin() + 3, got.end(), s.dids.at(sim::kDidLong5000).begin()));
+  });
+  EXPECT_EQ(payloads(m, GetParam().read_code).size(), 2u);
+}
+INSTANTIATE_TEST_SUITE_P(Cases, Polls,
+                         ::testing::Values(PollCase{"classic", 0, 0x0C03},
+                                           PollCase{"fd64", 64, 0x4003},
+                                           PollCase{"fd8", 8, 0x4003}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
 struct RoundTrip {
   bool extended;
   size_t length;
