@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/bench_check.hpp"
+#include "bench/dbc_corpus.hpp"
 #include "dbc/decoder.hpp"
 #include "veltrix/dbc.h"
 
@@ -42,16 +43,23 @@ std::vector<Message> catalogue() {
   return out;
 }
 
+// File to ready handle, for each larger sample file; bytes processed are the file's.
 void BM_ParseFile(benchmark::State& state) {
+  static const std::vector<veltrix::bench::DbcSample> samples = veltrix::bench::large_dbc_samples();
+  veltrix::bench::check(size_t(state.range(0)) < samples.size(), "the sample file is readable");
+  const veltrix::bench::DbcSample& sample = samples[size_t(state.range(0))];
+  state.SetLabel(sample.path.substr(sample.path.rfind('/') + 1));
   for (auto _ : state) {
-    long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+    long long h = DBC_ParserFile(kDirectDevice, sample.path.c_str());
     state.PauseTiming();
-    veltrix::bench::check(h != 0 && DBC_GetMsgQuantity(h) == 145, "parse of vw_mlb.dbc");
+    veltrix::bench::check(h != 0 && DBC_GetMsgQuantity(h) == sample.messages,
+                          "the parse yields every message of the file");
     DBC_Release(h);
     state.ResumeTiming();
   }
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(sample.text.size()));
 }
-BENCHMARK(BM_ParseFile)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ParseFile)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 
 struct Rx {
   CAN_MSG frame;
