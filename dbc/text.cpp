@@ -35,6 +35,31 @@ std::vector<std::string> string_split(std::string_view text, std::string_view de
   return out;
 }
 
+void split_views(std::string_view text, char delimiter, std::vector<std::string_view>& out) {
+  out.clear();
+  const char* p = text.data();
+  const char* end = p + text.size();
+  while (p < end) {
+    while (p < end && *p == delimiter) ++p;
+    if (p == end) break;
+    const void* hit = std::memchr(p, delimiter, size_t(end - p));
+    const char* stop = hit ? static_cast<const char*>(hit) : end;
+    out.emplace_back(p, size_t(stop - p));
+    p = stop;
+  }
+}
+
+void split_pieces(std::string_view text, char delimiter, std::vector<std::string_view>& out) {
+  out.clear();
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find(delimiter, pos);
+    if (end == std::string_view::npos) end = text.size();
+    out.push_back(text.substr(pos, end - pos));
+    pos = end + 1;
+  }
+}
+
 void split(const std::string& text, char delimiter, std::vector<std::string>& out) {
   size_t pos = 0;
   while (pos < text.size()) {
@@ -101,19 +126,59 @@ void remove_char(std::string& text, char c) {
   text.erase(std::remove(text.begin(), text.end(), c), text.end());
 }
 
-uint64_t read_unsigned_auto(const std::string& text) {
-  return std::strtoull(text.c_str(), nullptr, 0);
+void append_without(std::string& out, std::string_view text, char c) {
+  for (size_t pos = 0; pos < text.size();) {
+    size_t stop = text.find(c, pos);
+    if (stop == std::string_view::npos) stop = text.size();
+    out.append(text.data() + pos, stop - pos);
+    pos = stop + 1;
+  }
 }
 
-int64_t read_signed_decimal(const std::string& text) {
-  return std::strtol(text.c_str(), nullptr, 10);
+std::string without(std::string_view text, char c) {
+  if (!contains(text, c)) return std::string(text);
+  std::string out(text.size(), '\0');
+  size_t n = 0;
+  for (char k : text) {
+    if (k != c) out[n++] = k;
+  }
+  out.resize(n);
+  return out;
 }
 
-int64_t read_signed_ll_decimal(const std::string& text) {
-  return std::strtoll(text.c_str(), nullptr, 10);
+namespace {
+
+// The C conversions need a terminated string; numbers in a file are short, so the copy
+// lives on the stack unless the text is unusually long.
+template <typename Fn>
+auto with_terminated(std::string_view text, Fn&& convert) {
+  char local[64];
+  if (text.size() < sizeof local) {
+    std::memcpy(local, text.data(), text.size());
+    local[text.size()] = '\0';
+    return convert(static_cast<const char*>(local));
+  }
+  const std::string copy(text);
+  return convert(copy.c_str());
 }
 
-double read_double(const std::string& text) { return std::strtod(text.c_str(), nullptr); }
+}  // namespace
+
+uint64_t read_unsigned_auto(std::string_view text) {
+  return with_terminated(text, [](const char* s) { return std::strtoull(s, nullptr, 0); });
+}
+
+int64_t read_signed_decimal(std::string_view text) {
+  return with_terminated(text, [](const char* s) { return int64_t(std::strtol(s, nullptr, 10)); });
+}
+
+int64_t read_signed_ll_decimal(std::string_view text) {
+  return with_terminated(text, [](const char* s) { return int64_t(std::strtoll(s, nullptr, 10)); });
+}
+
+double read_double(std::string_view text) {
+  return with_terminated(text, [](const char* s) { return std::strtod(s, nullptr); });
+}
 
 int64_t saturate_to_i64(double v) {
   if (std::isnan(v)) return 0;

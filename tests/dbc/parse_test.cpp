@@ -164,8 +164,10 @@ TEST(DbcParse, AttributesCopiesAndPostPass) {
   const auto& msgs = db->messages();
   EXPECT_EQ(msgs[0].cycleTime, 50u);
   ASSERT_EQ(msgs[0].attributes.size(), 3u);  // two cycle-time copies and the bad format
-  EXPECT_EQ(msgs[0].attributes[0].value, "50");
-  EXPECT_EQ(msgs[0].attributes[1].value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[0]).value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[1]).value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[1]).name, "GenMsgCycleTime");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[2]).enumValues.size(), 6u);
   EXPECT_EQ(msgs[0].id, 1u);  // index 99 is out of range: nothing changes
   EXPECT_EQ(msgs[1].isCanFd, 1);
   EXPECT_EQ(msgs[1].bitRateSwitch, 1);  // the default, as no message assigned CANFD_BRS
@@ -177,7 +179,8 @@ TEST(DbcParse, AttributesCopiesAndPostPass) {
   const DBC_SIGNAL& s = msgs[0].signals[0];
   EXPECT_EQ(s.rawValue, 42u);
   ASSERT_EQ(s.attributes.size(), 1u);
-  EXPECT_EQ(s.attributes[0].name, "GenSigStartValue");
+  EXPECT_EQ(db->attributeCopy(s.attributes[0]).name, "GenSigStartValue");
+  EXPECT_EQ(db->attributeCopy(s.attributes[0]).value, "42");
   // The definitions keep the last value assigned anywhere, not the default.
   EXPECT_EQ(db->attributeDefinitions()[0].value, "50");
   EXPECT_EQ(db->attributeDefinitions()[2].enumValues.size(), 6u);
