@@ -65,6 +65,23 @@ std::vector<std::string_view> views_of(const std::vector<std::string>& tokens) {
   return std::vector<std::string_view>(tokens.begin(), tokens.end());
 }
 
+// Whether the line's first token, once its semicolons are gone, is a keyword the reader
+// handles. Every other line is ignored, so it is not cut into tokens at all.
+bool starts_with_keyword(std::string_view line) {
+  size_t i = 0;
+  while (i < line.size() && (line[i] == ' ' || line[i] == ';')) ++i;
+  char word[16];
+  size_t n = 0;
+  for (; i < line.size() && line[i] != ' '; ++i) {
+    if (line[i] == ';') continue;
+    if (n == sizeof word) return false;  // longer than any keyword
+    word[n++] = line[i];
+  }
+  const std::string_view w(word, n);
+  return w == "SG_" || w == "VAL_" || w == "BO_" || w == "CM_" || w == "BA_DEF_" ||
+         w == "BA_DEF_DEF_" || w == "SIG_VALTYPE_";
+}
+
 DBC_SIGNAL* first_signal(DBC_MESSAGE& message, std::string_view name) {
   for (DBC_SIGNAL& s : message.signals) {
     if (s.name == name) return &s;
@@ -153,6 +170,7 @@ ParseStatus DBC_Decoder::decodeText(std::string_view text, std::vector<Line>* as
   Tokens tokens;
   bool ok = for_each_line(text, lineNo_, [&](std::string_view raw) {
     if (assignments && may_assign_attribute(raw)) assignments->push_back(Line{raw, lineNo_});
+    if (!starts_with_keyword(raw)) return true;
     std::string_view line = raw;
     if (contains(raw, ';')) {  // semicolons vanish wherever they stand, even inside a token
       scratch.line.clear();

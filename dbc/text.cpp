@@ -37,15 +37,15 @@ std::vector<std::string> string_split(std::string_view text, std::string_view de
 
 void split_views(std::string_view text, char delimiter, std::vector<std::string_view>& out) {
   out.clear();
+  // Tokens are short: a plain scan beats a library search per token.
   const char* p = text.data();
   const char* end = p + text.size();
   while (p < end) {
     while (p < end && *p == delimiter) ++p;
     if (p == end) break;
-    const void* hit = std::memchr(p, delimiter, size_t(end - p));
-    const char* stop = hit ? static_cast<const char*>(hit) : end;
-    out.emplace_back(p, size_t(stop - p));
-    p = stop;
+    const char* start = p;
+    while (p < end && *p != delimiter) ++p;
+    out.emplace_back(start, size_t(p - start));
   }
 }
 
@@ -162,9 +162,26 @@ auto with_terminated(std::string_view text, Fn&& convert) {
   return convert(copy.c_str());
 }
 
+// Plain decimal digits, not starting with 0 (octal) unless the whole text is "0", and too
+// few to overflow: the value the conversion would give, computed without it.
+bool plain_decimal(std::string_view text, size_t maxDigits, uint64_t* value) {
+  if (text.empty() || text.size() > maxDigits || (text[0] == '0' && text.size() > 1)) {
+    return false;
+  }
+  uint64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + uint64_t(c - '0');
+  }
+  *value = v;
+  return true;
+}
+
 }  // namespace
 
 uint64_t read_unsigned_auto(std::string_view text) {
+  uint64_t v;
+  if (plain_decimal(text, 19, &v)) return v;
   return with_terminated(text, [](const char* s) { return std::strtoull(s, nullptr, 0); });
 }
 
@@ -177,6 +194,14 @@ int64_t read_signed_ll_decimal(std::string_view text) {
 }
 
 double read_double(std::string_view text) {
+  // Integers of up to 15 digits are exact in a double, so converting them directly gives
+  // the conversion's own result ("-0" included: the sign is applied to the double).
+  const bool negative = !text.empty() && text[0] == '-';
+  uint64_t v;
+  if (plain_decimal(negative ? text.substr(1) : text, 15, &v)) {
+    const double d = double(v);
+    return negative ? -d : d;
+  }
   return with_terminated(text, [](const char* s) { return std::strtod(s, nullptr); });
 }
 
