@@ -3,6 +3,7 @@
 // post-pass that turns attributes into message properties.
 #include "dbc/decoder.hpp"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "dbc/lines.hpp"
@@ -52,9 +53,7 @@ std::string comment_from(const std::vector<std::string_view>& tokens, size_t fir
   out.reserve(room);
   for (size_t i = first; i < tokens.size(); ++i) {
     if (i > first) out += ' ';
-    for (char c : tokens[i]) {
-      if (c != ';' && c != '"') out += c;
-    }
+    append_without(out, tokens[i], '"');  // the line's semicolons are already gone
   }
   return out;
 }
@@ -172,7 +171,7 @@ ParseStatus DBC_Decoder::decodeText(std::string_view text, std::vector<Line>* as
     if (assignments && may_assign_attribute(raw)) assignments->push_back(Line{raw, lineNo_});
     if (!starts_with_keyword(raw)) return true;
     std::string_view line = raw;
-    if (contains(raw, ';')) {  // semicolons vanish wherever they stand, even inside a token
+    if (raw.find(';') != std::string_view::npos) {  // semicolons vanish even inside a token
       scratch.line.clear();
       append_without(scratch.line, raw, ';');
       line = scratch.line;
@@ -210,7 +209,7 @@ bool DBC_Decoder::handleLine(Tokens& tokens, Scratch& scratch) {
   }
   if (kw == "CM_" && n >= 4) {
     flushSignals(scratch);
-    return handleComment(tokens);
+    return handleComment(tokens, scratch);
   }
   if (kw == "VAL_" && n >= 4) {
     flushSignals(scratch);
@@ -394,17 +393,16 @@ std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text)
   return table;
 }
 
-bool DBC_Decoder::handleComment(const Tokens& tokens) {
+bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
   const std::string_view object = tokens[1];
   if (object == "BO_") {
-    DBC_MESSAGE* m = firstMessageWithId(read_id(tokens[2]));
-    if (m) m->comment = comment_from(tokens, 3);
+    const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
+    if (first != last) messages_[first->second].comment = comment_from(tokens, 3);
   } else if (object == "SG_") {
-    const uint32_t id = read_id(tokens[2]);
     const std::string_view name = tokens[3];
-    for (DBC_MESSAGE& m : messages_) {
-      if (m.id != id) continue;
-      DBC_SIGNAL* s = first_signal(m, name);
+    const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
+    for (auto at = first; at != last; ++at) {
+      DBC_SIGNAL* s = first_signal(messages_[at->second], name);
       if (!s) continue;
       if (tokens.size() < 5) return false;  // a signal comment without text
       s->comment = comment_from(tokens, 4);
@@ -420,9 +418,9 @@ void DBC_Decoder::handleValueTable(const Tokens& tokens, Scratch& scratch) {
   const std::string_view name = tokens[2];
   DBC_SIGNAL* previous = nullptr;  // the table is parsed once and moved into the last one
   std::map<int32_t, std::string> table;
-  for (DBC_MESSAGE& m : messages_) {
-    if (m.id != id) continue;
-    DBC_SIGNAL* s = first_signal(m, name);
+  const auto [first, last] = messagesWithId(id, scratch);
+  for (auto at = first; at != last; ++at) {
+    DBC_SIGNAL* s = first_signal(messages_[at->second], name);
     if (!s) continue;
     if (!previous) {
       join_from(tokens, 3, scratch.text);
@@ -442,17 +440,29 @@ void DBC_Decoder::handleValueType(const Tokens& tokens, Scratch& scratch) {
   Tokens& parts = scratch.parts;
   split_pieces(text, ':', parts);
   if (parts.size() < 2) return;
-  DBC_MESSAGE* m = firstMessageWithId(id);
-  if (!m) return;
-  DBC_SIGNAL* s = first_signal(*m, parts[0]);
+  const auto [first, last] = messagesWithId(id, scratch);
+  if (first == last) return;
+  DBC_SIGNAL* s = first_signal(messages_[first->second], parts[0]);
   if (s) setValueType(unsigned(read_unsigned_auto(parts[1])), s);
 }
 
-DBC_MESSAGE* DBC_Decoder::firstMessageWithId(uint32_t id) {
-  for (DBC_MESSAGE& m : messages_) {
-    if (m.id == id) return &m;
+std::pair<const std::pair<uint32_t, uint32_t>*, const std::pair<uint32_t, uint32_t>*>
+DBC_Decoder::messagesWithId(uint32_t id, Scratch& scratch) {
+  auto& table = scratch.byId;
+  if (scratch.byIdMessages != messages_.size() || table.size() != messages_.size()) {
+    // Ids of messages already read never change during the first pass, so the table only
+    // needs rebuilding after a new message; files declare their messages first.
+    table.clear();
+    table.reserve(messages_.size());
+    for (uint32_t i = 0; i < messages_.size(); ++i) table.emplace_back(messages_[i].id, i);
+    std::sort(table.begin(), table.end());  // by id, then by position: file order
+    scratch.byIdMessages = messages_.size();
   }
-  return nullptr;
+  const auto range =
+      std::equal_range(table.begin(), table.end(), std::pair<uint32_t, uint32_t>{id, 0},
+                       [](const auto& a, const auto& b) { return a.first < b.first; });
+  return {table.data() + (range.first - table.begin()),
+          table.data() + (range.second - table.begin())};
 }
 
 }  // namespace veltrix::dbc

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "dbc/model.hpp"
@@ -126,6 +127,9 @@ class DBC_Decoder {
     std::string text;
     Tokens parts;
     std::vector<DBC_SIGNAL> signals;  // signals of the message being read, not yet moved
+    // (id, position) of every message, sorted; rebuilt when messages were added since.
+    std::vector<std::pair<uint32_t, uint32_t>> byId;
+    size_t byIdMessages = 0;
   };
 
   DBC_Decoder() = default;
@@ -139,14 +143,16 @@ class DBC_Decoder {
   bool parseMessage(Tokens& tokens, DBC_MESSAGE* out);
   void parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out);
   void flushSignals(Scratch& scratch);
-  bool handleComment(const Tokens& tokens);
+  bool handleComment(const Tokens& tokens, Scratch& scratch);
   void handleValueTable(const Tokens& tokens, Scratch& scratch);
   void handleValueType(const Tokens& tokens, Scratch& scratch);
   bool handleAttributeDefinition(const Tokens& tokens);
   void handleAttributeDefault(const Tokens& tokens);
   bool handleAttributeAssignment(std::string_view line, Tokens& tokens, const IdIndex& firstById);
 
-  DBC_MESSAGE* firstMessageWithId(uint32_t id);
+  // Positions of the messages with this id, in file order, as [first, last).
+  std::pair<const std::pair<uint32_t, uint32_t>*, const std::pair<uint32_t, uint32_t>*>
+  messagesWithId(uint32_t id, Scratch& scratch);
   uint32_t firstDefinition(std::string_view name) const;
 
   std::vector<DBC_MESSAGE> messages_;
