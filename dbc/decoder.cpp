@@ -374,21 +374,27 @@ void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAG
 
 std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text) {
   std::map<int32_t, std::string> table;
-  const size_t n = text.size();
+  std::string joined;  // a number written with spaces inside, which are skipped
   size_t i = 0;
-  std::string number;
-  while (i < n) {
-    number.clear();
-    for (; i < n && text[i] != '"'; ++i) {
-      if (text[i] != ' ') number += text[i];
+  while (i < text.size()) {
+    const size_t open = text.find('"', i);
+    if (open == std::string_view::npos) break;
+    // The number is every character before the quote except spaces.
+    std::string_view number = text.substr(i, open - i);
+    const size_t from = number.find_first_not_of(' ');
+    number = from == std::string_view::npos
+                 ? std::string_view()
+                 : number.substr(from, number.find_last_not_of(' ') - from + 1);
+    if (contains(number, ' ')) {
+      joined.clear();
+      append_without(joined, number, ' ');
+      number = joined;
     }
-    if (i >= n) break;
-    const size_t open = ++i;
-    while (i < n && text[i] != '"') ++i;
-    if (i >= n) break;  // an unterminated pair is dropped
-    const std::string_view label = text.substr(open, i - open);
-    ++i;
-    table.insert_or_assign(int32_t(read_unsigned_auto(number)), std::string(label));
+    const size_t close = text.find('"', open + 1);
+    if (close == std::string_view::npos) break;  // an unterminated pair is dropped
+    table.insert_or_assign(int32_t(read_unsigned_auto(number)),
+                           std::string(text.substr(open + 1, close - open - 1)));
+    i = close + 1;
   }
   return table;
 }
