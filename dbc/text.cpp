@@ -187,7 +187,7 @@ template <typename Fn>
 auto with_terminated(std::string_view text, Fn&& convert) {
   char local[64];
   if (text.size() < sizeof local) {
-    std::memcpy(local, text.data(), text.size());
+    if (!text.empty()) std::memcpy(local, text.data(), text.size());  // an empty view may be null
     local[text.size()] = '\0';
     return convert(static_cast<const char*>(local));
   }
