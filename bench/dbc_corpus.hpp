@@ -38,7 +38,8 @@ inline int count_message_lines(const std::string& text) {
 
 inline std::vector<DbcSample> large_dbc_samples() {
   std::vector<DbcSample> out;
-  for (const char* name : {"vw_mlb.dbc", "tesla_can.dbc", "abs.dbc", "gwm_haval_h6_phev_2024.dbc"}) {
+  for (const char* name :
+       {"vw_mlb.dbc", "tesla_can.dbc", "abs.dbc", "gwm_haval_h6_phev_2024.dbc"}) {
     DbcSample s{std::string(VELTRIX_CORPUS_DIR) + "/dbc/" + name, {}, 0};
     std::FILE* f = std::fopen(s.path.c_str(), "rb");
     if (!f) continue;
