@@ -45,6 +45,18 @@ void join_from(const std::vector<std::string_view>& tokens, size_t first, std::s
   }
 }
 
+// The same text without a copy where the line already holds it: tokens are views into
+// one line, so when no run of spaces lies between them the joined text is that stretch.
+std::string_view joined_from(const std::vector<std::string_view>& tokens, size_t first,
+                             std::string& scratch) {
+  const char* begin = tokens[first].data();
+  const char* end = tokens.back().data() + tokens.back().size();
+  const std::string_view stretch(begin, size_t(end - begin));
+  if (stretch.find("  ") == std::string_view::npos) return stretch;
+  join_from(tokens, first, scratch);
+  return scratch;
+}
+
 // A comment's text: the joined tokens without semicolons and double quotes.
 std::string comment_from(const std::vector<std::string_view>& tokens, size_t first) {
   size_t room = 0;
@@ -166,7 +178,9 @@ ParseStatus DBC_Decoder::updateAttrValues(std::string fileName, std::string enco
 
 ParseStatus DBC_Decoder::decodeText(std::string_view text, std::vector<Line>* assignments) {
   Scratch scratch;
+  scratch.signals.reserve(64);  // more than most messages have: rarely grown
   Tokens tokens;
+  tokens.reserve(64);
   bool ok = for_each_line(text, lineNo_, [&](std::string_view raw) {
     if (assignments && may_assign_attribute(raw)) assignments->push_back(Line{raw, lineNo_});
     if (!starts_with_keyword(raw)) return true;
@@ -428,10 +442,7 @@ void DBC_Decoder::handleValueTable(const Tokens& tokens, Scratch& scratch) {
   for (auto at = first; at != last; ++at) {
     DBC_SIGNAL* s = first_signal(messages_[at->second], name);
     if (!s) continue;
-    if (!previous) {
-      join_from(tokens, 3, scratch.text);
-      table = getValueTable(scratch.text);
-    }
+    if (!previous) table = getValueTable(joined_from(tokens, 3, scratch.text));
     if (previous) previous->valueTable = table;
     previous = s;
   }

@@ -226,13 +226,41 @@ int64_t read_signed_ll_decimal(std::string_view text) {
   return with_terminated(text, [](const char* s) { return int64_t(std::strtoll(s, nullptr, 10)); });
 }
 
+namespace {
+
+// "[-]digits[.digits]" with at most 15 digits in all: the digits as an integer and the
+// count after the point. Both the integer and the power of ten are then exact doubles, so
+// one division rounds exactly as the conversion does.
+bool plain_fraction(std::string_view text, uint64_t* digits, int* decimals) {
+  uint64_t v = 0;
+  int count = 0;
+  int after = -1;  // digits after the point; -1 before any point
+  for (char c : text) {
+    if (c == '.' && after < 0) {
+      after = 0;
+      continue;
+    }
+    if (c < '0' || c > '9' || ++count > 15) return false;
+    v = v * 10 + uint64_t(c - '0');
+    if (after >= 0) ++after;
+  }
+  if (count == 0) return false;  // "", "." and "-" are left to the conversion
+  *digits = v;
+  *decimals = after < 0 ? 0 : after;
+  return true;
+}
+
+}  // namespace
+
 double read_double(std::string_view text) {
-  // Integers of up to 15 digits are exact in a double, so converting them directly gives
-  // the conversion's own result ("-0" included: the sign is applied to the double).
+  static constexpr double kPowers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                       1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+  // The sign is applied to the double, so "-0" gives -0.0 as the conversion does.
   const bool negative = !text.empty() && text[0] == '-';
-  uint64_t v;
-  if (plain_decimal(negative ? text.substr(1) : text, 15, &v)) {
-    const double d = double(v);
+  uint64_t digits;
+  int decimals;
+  if (plain_fraction(negative ? text.substr(1) : text, &digits, &decimals)) {
+    const double d = double(digits) / kPowers[decimals];
     return negative ? -d : d;
   }
   return with_terminated(text, [](const char* s) { return std::strtod(s, nullptr); });
