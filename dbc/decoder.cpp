@@ -184,10 +184,12 @@ ParseStatus DBC_Decoder::decodeText(std::string_view text, std::vector<Line>* as
   bool ok = for_each_line(text, lineNo_, [&](std::string_view raw) {
     if (assignments && may_assign_attribute(raw)) assignments->push_back(Line{raw, lineNo_});
     if (!starts_with_keyword(raw)) return true;
-    std::string_view line = raw;
-    if (raw.find(';') != std::string_view::npos) {  // semicolons vanish even inside a token
+    // Semicolons vanish wherever they stand, even inside a token. Most lines have them
+    // only at the end, after the last token: cutting the line there needs no copy.
+    std::string_view line = raw.substr(0, raw.find_last_not_of(" ;") + 1);
+    if (line.find(';') != std::string_view::npos) {
       scratch.line.clear();
-      append_without(scratch.line, raw, ';');
+      append_without(scratch.line, line, ';');
       line = scratch.line;
     }
     split_views(line, ' ', tokens);  // a tab does not separate

@@ -159,12 +159,12 @@ void remove_char(std::string& text, char c) {
 }
 
 void append_without(std::string& out, std::string_view text, char c) {
-  if (!contains(text, c)) {
-    out.append(text);
-    return;
-  }
-  for (char k : text) {
-    if (k != c) out += k;
+  size_t pos = 0;
+  while (pos < text.size()) {  // the stretches between occurrences, each in one copy
+    size_t stop = text.find(c, pos);
+    if (stop == std::string_view::npos) stop = text.size();
+    out.append(text.data() + pos, stop - pos);
+    pos = stop + 1;
   }
 }
 
