@@ -95,6 +95,11 @@ ParseStatus DBC_Decoder::updateAttrLines(const std::vector<Line>& lines) {
       return ParseStatus::MissingToken;
     }
   }
+  // The lists grew one assignment at a time; the database keeps them as long as it lives.
+  for (DBC_MESSAGE& m : messages_) {
+    m.attributes.shrink_to_fit();
+    for (DBC_SIGNAL& sig : m.signals) sig.attributes.shrink_to_fit();
+  }
   return ParseStatus::Ok;
 }
 

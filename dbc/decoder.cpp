@@ -62,7 +62,7 @@ std::string comment_from(const std::vector<std::string_view>& tokens, size_t fir
   size_t room = 0;
   for (size_t i = first; i < tokens.size(); ++i) room += tokens[i].size() + 1;
   std::string out;
-  out.reserve(room);
+  out.reserve(room);  // the text is kept: one allocation, near its final size
   for (size_t i = first; i < tokens.size(); ++i) {
     if (i > first) out += ' ';
     append_without(out, tokens[i], '"');  // the line's semicolons are already gone
