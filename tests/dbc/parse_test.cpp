@@ -187,6 +187,26 @@ TEST(DbcParse, AttributesCopiesAndPostPass) {
   EXPECT_EQ(db->attributeDefinitions()[4].objectType, " ");
 }
 
+// A message copied into another database brings assignments whose definitions that
+// database may not have: they read as an unnamed definition, never out of bounds.
+TEST(DbcParse, AssignmentsFromAnotherDatabaseReadAsUnknownDefinitions) {
+  auto with = parse(
+      "BO_ 1 M: 8 N\n"
+      "BA_DEF_ BO_ \"A\" INT 0 9;\n"
+      "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 100;\n"
+      "BA_ \"GenMsgCycleTime\" BO_ 1 20;\n");
+  auto without = parse("BO_ 1 M: 8 N\n");
+  DBC_MESSAGE copy;
+  ASSERT_EQ(with->getMessage("M", &copy), 1);
+  ASSERT_EQ(copy.attributes.size(), 1u);
+  EXPECT_EQ(copy.attributes[0].definition, 1u);
+  ASSERT_EQ(without->updateMessage("M", &copy), 1);
+  const DBC_ATTRIBUTE a = without->attributeCopy(without->messages()[0].attributes[0]);
+  EXPECT_EQ(a.name, "");
+  EXPECT_EQ(a.value, "20");
+  EXPECT_EQ(with->attributeCopy(copy.attributes[0]).name, "GenMsgCycleTime");
+}
+
 TEST(DbcParse, BitRateSwitchFollowsTheLastAssignment) {
   auto db = parse(
       "BO_ 1 Fd: 64 N\n"
