@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <string>
-#include <vector>
 
 namespace veltrix::bench {
 
@@ -36,21 +35,21 @@ inline int count_message_lines(const std::string& text) {
   return count;
 }
 
-inline std::vector<DbcSample> large_dbc_samples() {
-  std::vector<DbcSample> out;
-  for (const char* name :
-       {"vw_mlb.dbc", "tesla_can.dbc", "abs.dbc", "gwm_haval_h6_phev_2024.dbc"}) {
-    DbcSample s{std::string(VELTRIX_CORPUS_DIR) + "/dbc/" + name, {}, 0};
-    std::FILE* f = std::fopen(s.path.c_str(), "rb");
-    if (!f) continue;
-    char chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) s.text.append(chunk, n);
-    std::fclose(f);
-    s.messages = count_message_lines(s.text);
-    out.push_back(std::move(s));
-  }
-  return out;
+// The larger sample files, each a benchmark case of its own.
+inline constexpr const char* kLargeDbcFiles[] = {"vw_mlb.dbc", "tesla_can.dbc", "abs.dbc",
+                                                 "gwm_haval_h6_phev_2024.dbc"};
+
+// The sample file read whole; empty text when it cannot be read.
+inline DbcSample dbc_sample(const char* name) {
+  DbcSample s{std::string(VELTRIX_CORPUS_DIR) + "/dbc/" + name, {}, 0};
+  std::FILE* f = std::fopen(s.path.c_str(), "rb");
+  if (!f) return s;
+  char chunk[65536];
+  size_t n;
+  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) s.text.append(chunk, n);
+  std::fclose(f);
+  s.messages = count_message_lines(s.text);
+  return s;
 }
 
 }  // namespace veltrix::bench
