@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/bench_check.hpp"
+#include "bench/dbc_corpus.hpp"
 #include "dbc/decoder.hpp"
 #include "veltrix/dbc.h"
 
@@ -42,16 +43,27 @@ std::vector<Message> catalogue() {
   return out;
 }
 
-void BM_ParseFile(benchmark::State& state) {
+// File to ready handle, for each larger sample file; bytes processed are the file's.
+void BM_ParseFile(benchmark::State& state, const char* name) {
+  const veltrix::bench::DbcSample sample = veltrix::bench::dbc_sample(name);
+  veltrix::bench::check(!sample.text.empty() && sample.messages > 0, "the sample file is readable");
   for (auto _ : state) {
-    long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+    long long h = DBC_ParserFile(kDirectDevice, sample.path.c_str());
     state.PauseTiming();
-    veltrix::bench::check(h != 0 && DBC_GetMsgQuantity(h) == 145, "parse of vw_mlb.dbc");
+    veltrix::bench::check(h != 0 && DBC_GetMsgQuantity(h) == sample.messages,
+                          "the parse yields every message of the file");
     DBC_Release(h);
     state.ResumeTiming();
   }
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(sample.text.size()));
 }
-BENCHMARK(BM_ParseFile)->Unit(benchmark::kMillisecond);
+const bool kParseFileRegistered = [] {
+  for (const char* name : veltrix::bench::kLargeDbcFiles) {
+    benchmark::RegisterBenchmark(("BM_ParseFile/" + std::string(name)).c_str(), BM_ParseFile, name)
+        ->Unit(benchmark::kMillisecond);
+  }
+  return true;
+}();
 
 struct Rx {
   CAN_MSG frame;

@@ -3,35 +3,31 @@
 // post-pass that turns attributes into message properties.
 #include "dbc/decoder.hpp"
 
+#include <algorithm>
 #include <cstdio>
 
+#include "dbc/lines.hpp"
 #include "dbc/text.hpp"
 
 namespace veltrix::dbc {
 
 namespace {
 
-// Calls fn(line) for each line of text; "\n" and "\r\n" endings are never part of a line.
-template <typename Fn>
-bool for_each_line(std::string_view text, size_t& lineNo, Fn&& fn) {
-  lineNo = 0;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    size_t next = end == std::string_view::npos ? text.size() : end + 1;
-    if (end == std::string_view::npos) end = text.size();
-    if (end > pos && text[end - 1] == '\r') --end;
-    ++lineNo;
-    if (!fn(text.substr(pos, end - pos))) return false;
-    pos = next;
-  }
-  return true;
-}
-
+// The whole file in one buffer, read at once where its size is known; both passes then
+// work on this text.
 bool read_file(const std::string& path, std::string* out) {
   std::FILE* f = std::fopen(path.c_str(), "rb");
   if (!f) return false;
   out->clear();
+  long size = -1;
+  if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
+  std::rewind(f);
+  if (size > 0) {
+    out->resize(size_t(size));
+    out->resize(std::fread(out->data(), 1, out->size(), f));
+  }
+  // A file that grew since its size was taken, or one without a size (a pipe), is read
+  // on to its end.
   char chunk[65536];
   size_t n;
   while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) out->append(chunk, n);
@@ -40,18 +36,62 @@ bool read_file(const std::string& path, std::string* out) {
   return ok;
 }
 
-std::string join_from(const std::vector<std::string>& tokens, size_t first) {
-  std::string out = tokens[first];
+// Tokens from `first` on, each after the first preceded by one space, into out.
+void join_from(const std::vector<std::string_view>& tokens, size_t first, std::string& out) {
+  out.assign(tokens[first]);
   for (size_t i = first + 1; i < tokens.size(); ++i) {
     out += ' ';
     out += tokens[i];
   }
+}
+
+// The same text without a copy where the line already holds it: tokens are views into
+// one line, so when no run of spaces lies between them the joined text is that stretch.
+std::string_view joined_from(const std::vector<std::string_view>& tokens, size_t first,
+                             std::string& scratch) {
+  const char* begin = tokens[first].data();
+  const char* end = tokens.back().data() + tokens.back().size();
+  const std::string_view stretch(begin, size_t(end - begin));
+  if (stretch.find("  ") == std::string_view::npos) return stretch;
+  join_from(tokens, first, scratch);
+  return scratch;
+}
+
+// A comment's text: the joined tokens without semicolons and double quotes.
+std::string comment_from(const std::vector<std::string_view>& tokens, size_t first) {
+  size_t room = 0;
+  for (size_t i = first; i < tokens.size(); ++i) room += tokens[i].size() + 1;
+  std::string out;
+  out.reserve(room);  // the text is kept: one allocation, near its final size
+  for (size_t i = first; i < tokens.size(); ++i) {
+    if (i > first) out += ' ';
+    append_without(out, tokens[i], '"');  // the line's semicolons are already gone
+  }
   return out;
 }
 
-uint32_t read_id(const std::string& token) { return uint32_t(read_unsigned_auto(token)); }
+uint32_t read_id(std::string_view token) { return uint32_t(read_unsigned_auto(token)); }
 
-bool contains(const std::string& text, char c) { return text.find(c) != std::string::npos; }
+std::vector<std::string_view> views_of(const std::vector<std::string>& tokens) {
+  return std::vector<std::string_view>(tokens.begin(), tokens.end());
+}
+
+// Whether the line's first token, once its semicolons are gone, is a keyword the reader
+// handles. Every other line is ignored, so it is not cut into tokens at all.
+bool starts_with_keyword(std::string_view line) {
+  size_t i = 0;
+  while (i < line.size() && (line[i] == ' ' || line[i] == ';')) ++i;
+  char word[16];
+  size_t n = 0;
+  for (; i < line.size() && line[i] != ' '; ++i) {
+    if (line[i] == ';') continue;
+    if (n == sizeof word) return false;  // longer than any keyword
+    word[n++] = line[i];
+  }
+  const std::string_view w(word, n);
+  return w == "SG_" || w == "VAL_" || w == "BO_" || w == "CM_" || w == "BA_DEF_" ||
+         w == "BA_DEF_DEF_" || w == "SIG_VALTYPE_";
+}
 
 DBC_SIGNAL* first_signal(DBC_MESSAGE& message, std::string_view name) {
   for (DBC_SIGNAL& s : message.signals) {
@@ -109,8 +149,9 @@ std::unique_ptr<DBC_Decoder> DBC_Decoder::fromText(std::string_view text, ParseF
 }
 
 ParseStatus DBC_Decoder::run(std::string_view text) {
-  ParseStatus s = decodeText(text);
-  if (s == ParseStatus::Ok) s = updateAttrText(text);
+  std::vector<Line> assignments;  // views into text, which outlives both passes
+  ParseStatus s = decodeText(text, &assignments);
+  if (s == ParseStatus::Ok) s = updateAttrLines(assignments);
   if (s != ParseStatus::Ok) return s;
   postPass();
   rebuildIndexes();
@@ -121,7 +162,7 @@ ParseStatus DBC_Decoder::decodeDBCFile(std::string fileName, std::string encodin
   (void)encoding;  // compared with "GBK" once upon a time; bytes are always kept as read
   std::string text;
   if (!read_file(fileName, &text)) return ParseStatus::CannotOpen;
-  ParseStatus s = decodeText(text);
+  ParseStatus s = decodeText(text, nullptr);
   rebuildIndexes();
   return s;
 }
@@ -135,39 +176,63 @@ ParseStatus DBC_Decoder::updateAttrValues(std::string fileName, std::string enco
 
 // ---- First pass --------------------------------------------------------------------
 
-ParseStatus DBC_Decoder::decodeText(std::string_view text) {
-  std::string line;
+ParseStatus DBC_Decoder::decodeText(std::string_view text, std::vector<Line>* assignments) {
+  Scratch scratch;
+  scratch.signals.reserve(64);  // more than most messages have: rarely grown
+  Tokens tokens;
+  tokens.reserve(64);
   bool ok = for_each_line(text, lineNo_, [&](std::string_view raw) {
-    line.assign(raw);
-    remove_char(line, ';');
-    std::vector<std::string> tokens = string_split(line, " ");  // a tab does not separate
+    if (assignments && may_assign_attribute(raw)) assignments->push_back(Line{raw, lineNo_});
+    if (!starts_with_keyword(raw)) return true;
+    // Semicolons vanish wherever they stand, even inside a token. Most lines have them
+    // only at the end, after the last token: cutting the line there needs no copy.
+    std::string_view line = raw.substr(0, raw.find_last_not_of(" ;") + 1);
+    if (line.find(';') != std::string_view::npos) {
+      scratch.line.clear();
+      append_without(scratch.line, line, ';');
+      line = scratch.line;
+    }
+    split_views(line, ' ', tokens);  // a tab does not separate
     if (tokens.size() < 2) return true;
-    missing_ = false;
-    std::string keyword = tokens[0];
-    if (handleLine(tokens)) return true;
-    fault_ = ParseFault{ParseStatus::MissingToken, lineNo_, std::move(keyword)};
+    const std::string_view keyword = tokens[0];
+    if (handleLine(tokens, scratch)) return true;
+    fault_ = ParseFault{ParseStatus::MissingToken, lineNo_, std::string(keyword)};
     return false;
   });
+  flushSignals(scratch);
+  messages_.shrink_to_fit();
   return ok ? ParseStatus::Ok : ParseStatus::MissingToken;
 }
 
 // Returns false when the line lacks a token its handler needs.
-bool DBC_Decoder::handleLine(std::vector<std::string>& tokens) {
-  const std::string& kw = tokens[0];
+bool DBC_Decoder::handleLine(Tokens& tokens, Scratch& scratch) {
+  const std::string_view kw = tokens[0];
   const size_t n = tokens.size();
-  if (kw == "BO_" && n >= 4) {
-    DBC_MESSAGE m = getMessageValues(std::move(tokens));
-    if (missing_) return false;
-    if (!m.name.empty()) messages_.push_back(std::move(m));
-  } else if (kw == "SG_" && n >= 7) {
+  if (kw == "SG_" && n >= 7) {
     // Signals belong to the most recently accepted message; before any, they are dropped.
-    if (!messages_.empty()) appendSignalValues(std::move(tokens), &messages_.back());
-  } else if (kw == "CM_" && n >= 4) {
-    return handleComment(tokens);
-  } else if (kw == "VAL_" && n >= 4) {
-    handleValueTable(tokens);
+    if (messages_.empty()) return true;
+    DBC_SIGNAL& s = scratch.signals.emplace_back();
+    parseSignal(tokens, scratch, &s);
+    if (s.name.empty()) scratch.signals.pop_back();
+    return true;
+  }
+  if (kw == "BO_" && n >= 4) {
+    flushSignals(scratch);
+    DBC_MESSAGE& m = messages_.emplace_back();
+    const bool complete = parseMessage(tokens, &m);
+    if (!complete || m.name.empty()) messages_.pop_back();
+    return complete;
+  }
+  if (kw == "CM_" && n >= 4) {
+    flushSignals(scratch);
+    return handleComment(tokens, scratch);
+  }
+  if (kw == "VAL_" && n >= 4) {
+    flushSignals(scratch);
+    handleValueTable(tokens, scratch);
   } else if (kw == "SIG_VALTYPE_" && n >= 4) {
-    handleValueType(tokens);
+    flushSignals(scratch);
+    handleValueType(tokens, scratch);
   } else if (kw == "BA_DEF_" && n >= 3) {
     return handleAttributeDefinition(tokens);
   } else if (kw == "BA_DEF_DEF_" && n >= 3) {
@@ -176,64 +241,84 @@ bool DBC_Decoder::handleLine(std::vector<std::string>& tokens) {
   return true;
 }
 
+// Signals wait in the scratch list until their message is complete, then move into it at
+// their exact count: a message holds no spare room for signals it will never get.
+void DBC_Decoder::flushSignals(Scratch& scratch) {
+  if (scratch.signals.empty()) return;
+  std::vector<DBC_SIGNAL>& to = messages_.back().signals;
+  to.reserve(to.size() + scratch.signals.size());
+  for (DBC_SIGNAL& s : scratch.signals) to.push_back(std::move(s));
+  scratch.signals.clear();
+}
+
 DBC_MESSAGE DBC_Decoder::getMessageValues(std::vector<std::string> tokens) {
+  Tokens views = views_of(tokens);
   DBC_MESSAGE m;
-  if (tokens.size() < 4) {
-    missing_ = true;
-    return m;
-  }
-  // Every id of 2048 and more is taken as extended, whether or not the file set bit 31.
-  const uint32_t id = read_id(tokens[1]);
-  const uint32_t stored = id < 2048 ? id : (id | 0x80000000u);
-  std::string name = tokens[2];
-  if (!contains(name, ':')) {
-    if (contains(tokens[3], ':')) tokens.erase(tokens.begin() + 3);  // "BO_ 1 Name : 8 Node"
-  } else {
-    remove_char(name, ':');
-  }
-  if (name.empty()) return m;
-  if (tokens.size() < 5) {  // the sender is required
-    missing_ = true;
-    return m;
-  }
-  m.name = std::move(name);
-  m.id = stored;
-  m.dlc = uint8_t(read_unsigned_auto(tokens[3]));
-  m.sender = tokens[4];
-  m.enable = 1;
-  m.cycleTime = 10;
+  if (!parseMessage(views, &m)) missing_ = true;
   return m;
 }
 
+// Fills *out from a "BO_" line; an empty name leaves it untouched. Returns false when the
+// line lacks its sender.
+bool DBC_Decoder::parseMessage(Tokens& tokens, DBC_MESSAGE* out) {
+  if (tokens.size() < 4) return false;
+  // Every id of 2048 and more is taken as extended, whether or not the file set bit 31.
+  const uint32_t id = read_id(tokens[1]);
+  const uint32_t stored = id < 2048 ? id : (id | 0x80000000u);
+  const std::string_view name = tokens[2];
+  if (!contains(name, ':')) {
+    if (contains(tokens[3], ':')) tokens.erase(tokens.begin() + 3);  // "BO_ 1 Name : 8 Node"
+  }
+  std::string bare = without(name, ':');
+  if (bare.empty()) return true;
+  if (tokens.size() < 5) return false;  // the sender is required
+  out->name = std::move(bare);
+  out->id = stored;
+  out->dlc = uint8_t(read_unsigned_auto(tokens[3]));
+  out->sender = std::string(tokens[4]);
+  out->enable = 1;
+  out->cycleTime = 10;
+  return true;
+}
+
 DBC_SIGNAL DBC_Decoder::getSignalValues(std::vector<std::string> tokens) {
+  Tokens views = views_of(tokens);
+  Scratch scratch;
   DBC_SIGNAL s;
-  if (tokens.size() < 7 || tokens[0] != "SG_") return s;
-  std::string name = tokens[1];
-  remove_char(name, ':');
-  if (name.empty()) return s;
-  s.name = std::move(name);
+  parseSignal(views, scratch, &s);
+  return s;
+}
+
+// Fills *out (a fresh record) from a "SG_" line; a line it cannot use leaves the name empty.
+void DBC_Decoder::parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out) {
+  DBC_SIGNAL& s = *out;
+  if (tokens.size() < 7 || tokens[0] != "SG_") return;
+  s.name = without(tokens[1], ':');
+  if (s.name.empty()) return;
 
   // "SG_ Name : ..." / "SG_ Name M : ..." / "SG_ Name m3 : ...": the colon may stand alone
   // after the multiplex token; the layout token is then the fourth either way.
-  std::string mux = tokens[2];
-  if (!contains(mux, ':')) {
-    if (contains(tokens[3], ':')) tokens.erase(tokens.begin() + 3);
-  } else {
-    remove_char(mux, ':');
-  }
+  const std::string_view mux = tokens[2];
+  if (!contains(mux, ':') && contains(tokens[3], ':')) tokens.erase(tokens.begin() + 3);
   if (contains(mux, 'M')) {  // "m3M" (a switch that is itself multiplexed) counts as switch
     s.multiplexMode = MUX_SWITCH;
   } else if (contains(mux, 'm')) {
     s.multiplexMode = MUX_SELECTED;
-    remove_char(mux, 'm');
-    s.multiplexValue = uint16_t(read_unsigned_auto(mux));
+    std::string& number = scratch.text;
+    number.clear();
+    for (char c : mux) {
+      if (c != ':' && c != 'm') number += c;
+    }
+    s.multiplexValue = uint16_t(read_unsigned_auto(number));
   }
 
-  std::string layout = tokens[3];
+  std::string& layout = scratch.text;
+  layout.assign(tokens[3]);
   for (char& c : layout) {
     if (c == '|' || c == '@') c = ' ';
   }
-  std::vector<std::string> parts = string_split(layout, " ");
+  Tokens& parts = scratch.parts;
+  split_views(layout, ' ', parts);
   if (parts.size() > 2) {
     s.startBit = uint16_t(read_unsigned_auto(parts[0]));
     s.length = uint16_t(read_unsigned_auto(parts[1]));
@@ -246,19 +331,23 @@ DBC_SIGNAL DBC_Decoder::getSignalValues(std::vector<std::string> tokens) {
     if (contains(parts[2], '-')) s.isSigned = 1;
   }
 
-  std::string scale = tokens[4];
-  remove_char(scale, '(');
-  remove_char(scale, ')');
-  parts = split(scale, ',');
+  std::string& scale = scratch.text;
+  scale.clear();
+  for (char c : tokens[4]) {
+    if (c != '(' && c != ')') scale += c;
+  }
+  split_pieces(scale, ',', parts);
   if (parts.size() >= 2) {
     s.factor = read_double(parts[0]);
     s.offset = read_double(parts[1]);
   }
 
-  std::string range = tokens[5];
-  remove_char(range, '[');
-  remove_char(range, ']');
-  parts = split(range, '|');
+  std::string& range = scratch.text;
+  range.clear();
+  for (char c : tokens[5]) {
+    if (c != '[' && c != ']') range += c;
+  }
+  split_pieces(range, '|', parts);
   if (parts.size() >= 2) {
     s.minimum = read_double(parts[0]);
     s.maximum = read_double(parts[1]);
@@ -274,23 +363,23 @@ DBC_SIGNAL DBC_Decoder::getSignalValues(std::vector<std::string> tokens) {
   for (size_t i = 6; i < tokens.size(); ++i) {
     const int quotes = GetDoubleQuoteNum(tokens[i]);
     if (quotes == 2) {
-      s.unit = tokens[i];
+      s.unit = without(tokens[i], '"');
       break;
     }
     if (quotes == 1) {
-      std::vector<std::string> pieces{tokens[i]};
+      append_without(s.unit, tokens[i], '"');
       for (size_t j = i + 1; j < tokens.size(); ++j) {
-        pieces.push_back(tokens[j]);
+        s.unit += ' ';
+        append_without(s.unit, tokens[j], '"');
         if (GetDoubleQuoteNum(tokens[j]) == 1) break;
       }
-      s.unit = string_join(pieces, " ");
       break;
     }
   }
-  remove_char(s.unit, '"');
 
-  split(tokens.back(), ',', s.receivers);
-  return s;
+  split_pieces(tokens.back(), ',', parts);
+  s.receivers.reserve(parts.size());
+  for (std::string_view r : parts) s.receivers.emplace_back(r);
 }
 
 void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message) {
@@ -299,49 +388,46 @@ void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAG
   if (!s.name.empty()) message->signals.push_back(std::move(s));
 }
 
-std::map<int32_t, std::string> DBC_Decoder::getValueTable(const std::string& text) {
+std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text) {
   std::map<int32_t, std::string> table;
-  const size_t n = text.size();
+  std::string joined;  // a number written with spaces inside, which are skipped
   size_t i = 0;
-  std::string number;
-  std::string label;
-  while (i < n) {
-    number.clear();
-    for (; i < n && text[i] != '"'; ++i) {
-      if (text[i] != ' ') number += text[i];
+  while (i < text.size()) {
+    const size_t open = text.find('"', i);
+    if (open == std::string_view::npos) break;
+    // The number is every character before the quote except spaces.
+    std::string_view number = text.substr(i, open - i);
+    const size_t from = number.find_first_not_of(' ');
+    number = from == std::string_view::npos
+                 ? std::string_view()
+                 : number.substr(from, number.find_last_not_of(' ') - from + 1);
+    if (contains(number, ' ')) {
+      joined.clear();
+      append_without(joined, number, ' ');
+      number = joined;
     }
-    if (i >= n) break;
-    label.clear();
-    for (++i; i < n && text[i] != '"'; ++i) label += text[i];
-    if (i >= n) break;  // an unterminated pair is dropped
-    ++i;
-    table[int32_t(read_unsigned_auto(number))] = label;
+    const size_t close = text.find('"', open + 1);
+    if (close == std::string_view::npos) break;  // an unterminated pair is dropped
+    table.insert_or_assign(int32_t(read_unsigned_auto(number)),
+                           std::string(text.substr(open + 1, close - open - 1)));
+    i = close + 1;
   }
   return table;
 }
 
-bool DBC_Decoder::handleComment(const std::vector<std::string>& tokens) {
-  const std::string& object = tokens[1];
+bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
+  const std::string_view object = tokens[1];
   if (object == "BO_") {
-    const uint32_t id = read_id(tokens[2]);
-    DBC_MESSAGE* m = firstMessageWithId(id);
-    if (!m) return true;
-    std::string text = join_from(tokens, 3);
-    remove_char(text, ';');
-    remove_char(text, '"');
-    m->comment = std::move(text);
+    const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
+    if (first != last) messages_[first->second].comment = comment_from(tokens, 3);
   } else if (object == "SG_") {
-    const uint32_t id = read_id(tokens[2]);
-    const std::string& name = tokens[3];
-    for (DBC_MESSAGE& m : messages_) {
-      if (m.id != id) continue;
-      DBC_SIGNAL* s = first_signal(m, name);
+    const std::string_view name = tokens[3];
+    const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
+    for (auto at = first; at != last; ++at) {
+      DBC_SIGNAL* s = first_signal(messages_[at->second], name);
       if (!s) continue;
       if (tokens.size() < 5) return false;  // a signal comment without text
-      std::string text = join_from(tokens, 4);
-      remove_char(text, ';');
-      remove_char(text, '"');
-      s->comment = std::move(text);
+      s->comment = comment_from(tokens, 4);
     }
   }
   // Node and network comments are not kept. A comment continued on further lines keeps
@@ -349,171 +435,53 @@ bool DBC_Decoder::handleComment(const std::vector<std::string>& tokens) {
   return true;
 }
 
-void DBC_Decoder::handleValueTable(const std::vector<std::string>& tokens) {
+void DBC_Decoder::handleValueTable(const Tokens& tokens, Scratch& scratch) {
   const uint32_t id = read_id(tokens[1]);
-  const std::string& name = tokens[2];
+  const std::string_view name = tokens[2];
   DBC_SIGNAL* previous = nullptr;  // the table is parsed once and moved into the last one
   std::map<int32_t, std::string> table;
-  for (DBC_MESSAGE& m : messages_) {
-    if (m.id != id) continue;
-    DBC_SIGNAL* s = first_signal(m, name);
+  const auto [first, last] = messagesWithId(id, scratch);
+  for (auto at = first; at != last; ++at) {
+    DBC_SIGNAL* s = first_signal(messages_[at->second], name);
     if (!s) continue;
-    if (!previous) table = getValueTable(join_from(tokens, 3));
+    if (!previous) table = getValueTable(joined_from(tokens, 3, scratch.text));
     if (previous) previous->valueTable = table;
     previous = s;
   }
   if (previous) previous->valueTable = std::move(table);
 }
 
-void DBC_Decoder::handleValueType(const std::vector<std::string>& tokens) {
+void DBC_Decoder::handleValueType(const Tokens& tokens, Scratch& scratch) {
   const uint32_t id = read_id(tokens[1]);
-  std::string text;
-  for (size_t i = 2; i < tokens.size(); ++i) text += tokens[i];
-  remove_char(text, ';');
-  std::vector<std::string> parts = split(text, ':');
+  std::string& text = scratch.text;
+  text.clear();
+  for (size_t i = 2; i < tokens.size(); ++i) append_without(text, tokens[i], ';');
+  Tokens& parts = scratch.parts;
+  split_pieces(text, ':', parts);
   if (parts.size() < 2) return;
-  DBC_MESSAGE* m = firstMessageWithId(id);
-  if (!m) return;
-  DBC_SIGNAL* s = first_signal(*m, parts[0]);
+  const auto [first, last] = messagesWithId(id, scratch);
+  if (first == last) return;
+  DBC_SIGNAL* s = first_signal(messages_[first->second], parts[0]);
   if (s) setValueType(unsigned(read_unsigned_auto(parts[1])), s);
 }
 
-bool DBC_Decoder::handleAttributeDefinition(const std::vector<std::string>& tokens) {
-  DBC_ATTRIBUTE a;
-  size_t i = 1;
-  const std::string& second = tokens[1];
-  if (second == "SG_" || second == "BO_" || second == "BU_") {
-    a.objectType = second;
-    i = 2;
-  } else {
-    a.objectType = " ";
+std::pair<const std::pair<uint32_t, uint32_t>*, const std::pair<uint32_t, uint32_t>*>
+DBC_Decoder::messagesWithId(uint32_t id, Scratch& scratch) {
+  auto& table = scratch.byId;
+  if (scratch.byIdMessages != messages_.size() || table.size() != messages_.size()) {
+    // Ids of messages already read never change during the first pass, so the table only
+    // needs rebuilding after a new message; files declare their messages first.
+    table.clear();
+    table.reserve(messages_.size());
+    for (uint32_t i = 0; i < messages_.size(); ++i) table.emplace_back(messages_[i].id, i);
+    std::sort(table.begin(), table.end());  // by id, then by position: file order
+    scratch.byIdMessages = messages_.size();
   }
-  if (tokens.size() < i + 2) return false;
-  a.name = tokens[i];
-  remove_char(a.name, '"');
-  a.valueType = tokens[i + 1];
-  if (a.valueType == "FLOAT" || a.valueType == "INT" || a.valueType == "HEX") {
-    if (tokens.size() < i + 4) return false;
-    a.minimum = read_double(tokens[i + 2]);
-    a.maximum = read_double(tokens[i + 3]);
-  } else if (a.valueType == "ENUM") {
-    if (tokens.size() < i + 3) return false;
-    // Only the next token is read, so values written with a space after the comma are
-    // lost after the first one.
-    std::string values = tokens[i + 2];
-    remove_char(values, '"');
-    remove_char(values, ';');
-    split(values, ',', a.enumValues);
-  }
-  definitions_.push_back(std::move(a));
-  return true;
-}
-
-void DBC_Decoder::handleAttributeDefault(const std::vector<std::string>& tokens) {
-  std::string name = tokens[1];
-  remove_char(name, '"');
-  DBC_ATTRIBUTE* d = firstDefinition(name);
-  if (!d) return;
-  d->value = tokens[2];
-  remove_char(d->value, '"');
-}
-
-// ---- Second pass -------------------------------------------------------------------
-
-ParseStatus DBC_Decoder::updateAttrText(std::string_view text) {
-  std::string line;
-  bool ok = for_each_line(text, lineNo_, [&](std::string_view raw) {
-    const size_t at = raw.find_first_not_of(" ;");
-    if (at == std::string_view::npos || raw.substr(at, 3) != "BA_" ||
-        (at + 3 < raw.size() && raw[at + 3] != ' ' && raw[at + 3] != ';')) {
-      return true;  // cheap test first: most lines are not assignments
-    }
-    if (handleAttributeAssignment(std::string(raw))) return true;
-    fault_ = ParseFault{ParseStatus::MissingToken, lineNo_, "BA_"};
-    return false;
-  });
-  return ok ? ParseStatus::Ok : ParseStatus::MissingToken;
-}
-
-bool DBC_Decoder::handleAttributeAssignment(std::string line) {
-  trim(line, ";");
-  std::vector<std::string> tokens = string_split(line, " ");
-  if (tokens.size() < 3 || tokens[0] != "BA_") return true;
-  std::string name = tokens[1];
-  trim(name, "\"");
-  const std::string& object = tokens[2];
-  if (object == "BO_") {
-    if (tokens.size() < 5) return false;
-    DBC_MESSAGE* m = firstMessageWithId(read_id(tokens[3]));
-    DBC_ATTRIBUTE* d = firstDefinition(name);
-    if (!m || !d) return true;
-    // The definition itself keeps the last value assigned anywhere; each object gets its
-    // own copy, and a repeated assignment adds a further copy.
-    d->value = tokens[4];
-    m->attributes.push_back(*d);
-  } else if (object == "SG_") {
-    if (tokens.size() < 6) return false;
-    DBC_MESSAGE* m = firstMessageWithId(read_id(tokens[3]));
-    DBC_SIGNAL* s = m ? first_signal(*m, tokens[4]) : nullptr;
-    DBC_ATTRIBUTE* d = firstDefinition(name);
-    if (!s || !d) return true;
-    d->value = tokens[5];
-    s->attributes.push_back(*d);
-    // Meant for the initial-value attribute, but any signal attribute sets the raw value.
-    s->rawValue = uint64_t(read_signed_ll_decimal(tokens[5]));
-  }
-  return true;
-}
-
-// ---- Post-pass ---------------------------------------------------------------------
-
-void DBC_Decoder::postPass() {
-  uint8_t brsDefault = 0;
-  if (const DBC_ATTRIBUTE* d = firstDefinition("CANFD_BRS")) brsDefault = d->value == "1";
-
-  for (DBC_MESSAGE& m : messages_) {
-    for (const DBC_ATTRIBUTE& a : m.attributes) {
-      if (a.name == "GenMsgCycleTime" &&
-          (a.valueType == "INT" || a.valueType == "FLOAT" || a.valueType == "HEX")) {
-        m.cycleTime = uint32_t(saturate_to_i64(read_double(a.value)));
-      } else if (a.name == "VFrameFormat" && a.valueType == "ENUM") {
-        const int64_t index = read_signed_decimal(a.value);
-        if (index < 0 || uint64_t(index) >= a.enumValues.size()) continue;
-        const std::string& format = a.enumValues[size_t(index)];
-        if (format == "StandardCAN") {
-          m.id &= ~0x80000000u;
-          m.isCanFd = 0;
-          m.bitRateSwitch = 0;
-        } else if (format == "ExtendedCAN" || format == "J1939PG") {
-          m.id |= 0x80000000u;
-          m.isCanFd = 0;
-          m.bitRateSwitch = 0;
-        } else if (format == "StandardCAN_FD") {
-          m.id &= ~0x80000000u;
-          m.isCanFd = 1;
-          m.bitRateSwitch = brsDefault;
-        } else if (format == "ExtendedCAN_FD") {
-          m.id |= 0x80000000u;
-          m.isCanFd = 1;
-          m.bitRateSwitch = brsDefault;
-        }
-      }
-    }
-  }
-}
-
-DBC_MESSAGE* DBC_Decoder::firstMessageWithId(uint32_t id) {
-  for (DBC_MESSAGE& m : messages_) {
-    if (m.id == id) return &m;
-  }
-  return nullptr;
-}
-
-DBC_ATTRIBUTE* DBC_Decoder::firstDefinition(std::string_view name) {
-  for (DBC_ATTRIBUTE& d : definitions_) {
-    if (d.name == name) return &d;
-  }
-  return nullptr;
+  const auto range =
+      std::equal_range(table.begin(), table.end(), std::pair<uint32_t, uint32_t>{id, 0},
+                       [](const auto& a, const auto& b) { return a.first < b.first; });
+  return {table.data() + (range.first - table.begin()),
+          table.data() + (range.second - table.begin())};
 }
 
 }  // namespace veltrix::dbc

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "dbc/model.hpp"
@@ -61,7 +62,7 @@ class DBC_Decoder {
   DBC_MESSAGE getMessageValues(std::vector<std::string> tokens);
   DBC_SIGNAL getSignalValues(std::vector<std::string> tokens);
   void appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message);
-  static std::map<int32_t, std::string> getValueTable(const std::string& text);
+  static std::map<int32_t, std::string> getValueTable(std::string_view text);
 
   // Lookups: exact, case-sensitive names; the first match in file order wins; 1 when
   // found, 0 otherwise (output untouched). A pointer result stays valid until the database
@@ -103,26 +104,56 @@ class DBC_Decoder {
   std::vector<DBC_MESSAGE>& messages() { return messages_; }
   const std::vector<DBC_MESSAGE>& messages() const { return messages_; }
   const std::vector<DBC_ATTRIBUTE>& attributeDefinitions() const { return definitions_; }
+  // The definition an assignment refers to; an empty record for an index this database
+  // does not have (an assignment copied in from another database).
+  const DBC_ATTRIBUTE& definitionOf(const DBC_ATTRIBUTE_VALUE& assigned) const;
+  // The attribute as its object holds it: the definition with the assigned value.
+  DBC_ATTRIBUTE attributeCopy(const DBC_ATTRIBUTE_VALUE& assigned) const;
 
   void rebuildIndexes();
 
  private:
+  // Tokens of one line: views into the file's text or into the reader's line buffer.
+  using Tokens = std::vector<std::string_view>;
+  // A line of the file that may assign an attribute, kept by the first pass for the second.
+  struct Line {
+    std::string_view text;
+    size_t number;
+  };
+  // Buffers the reader reuses from line to line, so that a line costs no allocation of
+  // its own beyond what the database keeps.
+  struct Scratch {
+    std::string line;
+    std::string text;
+    Tokens parts;
+    std::vector<DBC_SIGNAL> signals;  // signals of the message being read, not yet moved
+    // (id, position) of every message, sorted; rebuilt when messages were added since.
+    std::vector<std::pair<uint32_t, uint32_t>> byId;
+    size_t byIdMessages = 0;
+  };
+
   DBC_Decoder() = default;
-  ParseStatus decodeText(std::string_view text);
+  ParseStatus decodeText(std::string_view text, std::vector<Line>* assignments);
   ParseStatus updateAttrText(std::string_view text);
+  ParseStatus updateAttrLines(const std::vector<Line>& lines);
   void postPass();
   ParseStatus run(std::string_view text);
 
-  bool handleLine(std::vector<std::string>& tokens);
-  bool handleComment(const std::vector<std::string>& tokens);
-  void handleValueTable(const std::vector<std::string>& tokens);
-  void handleValueType(const std::vector<std::string>& tokens);
-  bool handleAttributeDefinition(const std::vector<std::string>& tokens);
-  void handleAttributeDefault(const std::vector<std::string>& tokens);
-  bool handleAttributeAssignment(std::string line);
+  bool handleLine(Tokens& tokens, Scratch& scratch);
+  bool parseMessage(Tokens& tokens, DBC_MESSAGE* out);
+  void parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out);
+  void flushSignals(Scratch& scratch);
+  bool handleComment(const Tokens& tokens, Scratch& scratch);
+  void handleValueTable(const Tokens& tokens, Scratch& scratch);
+  void handleValueType(const Tokens& tokens, Scratch& scratch);
+  bool handleAttributeDefinition(const Tokens& tokens);
+  void handleAttributeDefault(const Tokens& tokens);
+  bool handleAttributeAssignment(std::string_view line, Tokens& tokens, const IdIndex& firstById);
 
-  DBC_MESSAGE* firstMessageWithId(uint32_t id);
-  DBC_ATTRIBUTE* firstDefinition(std::string_view name);
+  // Positions of the messages with this id, in file order, as [first, last).
+  std::pair<const std::pair<uint32_t, uint32_t>*, const std::pair<uint32_t, uint32_t>*>
+  messagesWithId(uint32_t id, Scratch& scratch);
+  uint32_t firstDefinition(std::string_view name) const;
 
   std::vector<DBC_MESSAGE> messages_;
   std::vector<DBC_ATTRIBUTE> definitions_;

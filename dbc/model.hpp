@@ -41,6 +41,15 @@ struct DBC_ATTRIBUTE {
   std::string value;
 };
 
+// An attribute assigned to one message or signal: the definition it assigns (its position
+// in the database's definition list, whose name, types, range and enumeration every
+// assignment shares) and the value given to this object, quotes kept. The database's
+// attributeCopy() gives the full record, as a definition with this value.
+struct DBC_ATTRIBUTE_VALUE {
+  uint32_t definition = 0;
+  std::string value;
+};
+
 struct DBC_SIGNAL {
   std::string name;
   uint32_t byteOrder = MOTOROLA;  // a ByteOrder
@@ -59,7 +68,7 @@ struct DBC_SIGNAL {
   std::string comment;
   std::map<int32_t, std::string> valueTable;
   uint64_t rawValue = 0;  // current unscaled value, read and written by the codec
-  std::vector<DBC_ATTRIBUTE> attributes;
+  std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
 };
 
 struct DBC_MESSAGE {
@@ -74,7 +83,7 @@ struct DBC_MESSAGE {
   uint8_t data[kDataBytes] = {};  // payload image of the last received frame
   uint8_t enable = 0;             // 1 once parsed; nothing reads it
   uint32_t cycleTime = 0;         // milliseconds
-  std::vector<DBC_ATTRIBUTE> attributes;
+  std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
 };
 
 }  // namespace veltrix::dbc

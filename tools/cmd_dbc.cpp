@@ -53,7 +53,7 @@ const char* mux_text(const DBC_SIGNAL& s, char* buf, size_t size) {
 int show(const Database& database) {
   for (const DBC_MESSAGE& m : database.db->messages()) {
     char cycle[32] = "";
-    if (has_cycle_time(m))
+    if (has_cycle_time(*database.db, m))
       std::snprintf(cycle, sizeof cycle, "  cycle %" PRIu32 " ms", m.cycleTime);
     std::printf("%s %s  dlc %u  sender %s%s%s%s\n", id_text(m.id).c_str(), m.name.c_str(),
                 unsigned(m.dlc), m.sender.c_str(), cycle, m.isCanFd ? "  CAN FD" : "",

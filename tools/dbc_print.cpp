@@ -142,11 +142,13 @@ size_t message_length(const DBC_MESSAGE& m) {
   return m.isCanFd && m.dlc < 16 ? kFdLengths[m.dlc] : (m.isCanFd ? 64 : 8);
 }
 
-bool has_cycle_time(const DBC_MESSAGE& m) {
-  for (const dbc::DBC_ATTRIBUTE& a : m.attributes)
+bool has_cycle_time(const DBC_Decoder& db, const DBC_MESSAGE& m) {
+  for (const dbc::DBC_ATTRIBUTE_VALUE& assigned : m.attributes) {
+    const dbc::DBC_ATTRIBUTE& a = db.definitionOf(assigned);
     if (a.name == "GenMsgCycleTime" &&
         (a.valueType == "INT" || a.valueType == "FLOAT" || a.valueType == "HEX"))
       return true;
+  }
   return false;
 }
 

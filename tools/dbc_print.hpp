@@ -39,7 +39,7 @@ std::string id_text(uint32_t id);
 size_t message_length(const dbc::DBC_MESSAGE& m);
 
 // Whether the file gives the message a cycle time (GenMsgCycleTime).
-bool has_cycle_time(const dbc::DBC_MESSAGE& m);
+bool has_cycle_time(const dbc::DBC_Decoder& db, const dbc::DBC_MESSAGE& m);
 
 // One indented line with the signals present in the frame, or a note that no message has
 // that id. A frame shorter than its message is reported, not padded: returns false.

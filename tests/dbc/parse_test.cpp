@@ -164,8 +164,10 @@ TEST(DbcParse, AttributesCopiesAndPostPass) {
   const auto& msgs = db->messages();
   EXPECT_EQ(msgs[0].cycleTime, 50u);
   ASSERT_EQ(msgs[0].attributes.size(), 3u);  // two cycle-time copies and the bad format
-  EXPECT_EQ(msgs[0].attributes[0].value, "50");
-  EXPECT_EQ(msgs[0].attributes[1].value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[0]).value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[1]).value, "50");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[1]).name, "GenMsgCycleTime");
+  EXPECT_EQ(db->attributeCopy(msgs[0].attributes[2]).enumValues.size(), 6u);
   EXPECT_EQ(msgs[0].id, 1u);  // index 99 is out of range: nothing changes
   EXPECT_EQ(msgs[1].isCanFd, 1);
   EXPECT_EQ(msgs[1].bitRateSwitch, 1);  // the default, as no message assigned CANFD_BRS
@@ -177,11 +179,32 @@ TEST(DbcParse, AttributesCopiesAndPostPass) {
   const DBC_SIGNAL& s = msgs[0].signals[0];
   EXPECT_EQ(s.rawValue, 42u);
   ASSERT_EQ(s.attributes.size(), 1u);
-  EXPECT_EQ(s.attributes[0].name, "GenSigStartValue");
+  EXPECT_EQ(db->attributeCopy(s.attributes[0]).name, "GenSigStartValue");
+  EXPECT_EQ(db->attributeCopy(s.attributes[0]).value, "42");
   // The definitions keep the last value assigned anywhere, not the default.
   EXPECT_EQ(db->attributeDefinitions()[0].value, "50");
   EXPECT_EQ(db->attributeDefinitions()[2].enumValues.size(), 6u);
   EXPECT_EQ(db->attributeDefinitions()[4].objectType, " ");
+}
+
+// A message copied into another database brings assignments whose definitions that
+// database may not have: they read as an unnamed definition, never out of bounds.
+TEST(DbcParse, AssignmentsFromAnotherDatabaseReadAsUnknownDefinitions) {
+  auto with = parse(
+      "BO_ 1 M: 8 N\n"
+      "BA_DEF_ BO_ \"A\" INT 0 9;\n"
+      "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 100;\n"
+      "BA_ \"GenMsgCycleTime\" BO_ 1 20;\n");
+  auto without = parse("BO_ 1 M: 8 N\n");
+  DBC_MESSAGE copy;
+  ASSERT_EQ(with->getMessage("M", &copy), 1);
+  ASSERT_EQ(copy.attributes.size(), 1u);
+  EXPECT_EQ(copy.attributes[0].definition, 1u);
+  ASSERT_EQ(without->updateMessage("M", &copy), 1);
+  const DBC_ATTRIBUTE a = without->attributeCopy(without->messages()[0].attributes[0]);
+  EXPECT_EQ(a.name, "");
+  EXPECT_EQ(a.value, "20");
+  EXPECT_EQ(with->attributeCopy(copy.attributes[0]).name, "GenMsgCycleTime");
 }
 
 TEST(DbcParse, BitRateSwitchFollowsTheLastAssignment) {

@@ -67,5 +67,62 @@ TEST(DbcText, QuoteCountAndLenientNumbers) {
   EXPECT_EQ(saturate_to_i32(1e12), INT32_MAX);
 }
 
+// The line splitter works on blocks of sixteen bytes: tokens and runs of spaces that start,
+// end or straddle a block edge must come out as the one-character-at-a-time cut gives them.
+TEST(DbcText, ViewSplitMatchesTheCopyingSplitAcrossBlockEdges) {
+  uint32_t seed = 12345;
+  for (int round = 0; round < 2000; ++round) {
+    std::string text;
+    const int length = round % 70;
+    for (int i = 0; i < length; ++i) {
+      seed = seed * 1103515245u + 12345u;
+      text += "  \tab;"[(seed >> 16) % 6];
+    }
+    std::vector<std::string_view> views;
+    split_views(text, ' ', views);
+    EXPECT_EQ(Tokens(views.begin(), views.end()), string_split(text, " ")) << '"' << text << '"';
+  }
+}
+
+// Numbers that look plain are read without the C conversions; the results must be theirs.
+TEST(DbcText, NumbersReadLikeTheLenientConversions) {
+  struct Case {
+    const char* text;
+    uint64_t asUnsigned;
+    double asDouble;
+  } cases[] = {
+      {"0", 0, 0.0},
+      {"7", 7, 7.0},
+      {"007", 7, 7.0},  // octal for an id, decimal for a double
+      {"08", 0, 8.0},   // not an octal digit: the id stops at "0"
+      {"0x1F", 31, 31.0},
+      {"9999999999999999999", 9999999999999999999ull, 1e19},
+      {"18446744073709551616", UINT64_MAX, 18446744073709551616.0},
+      {"123456789012345", 123456789012345ull, 123456789012345.0},
+      {"1234567890123456789", 1234567890123456789ull, 1234567890123456789.0},
+      {"-5", uint64_t(-5), -5.0},
+      {"+5", 5, 5.0},
+      {"1e3", 1, 1000.0},
+      {"\t12", 12, 12.0},
+      {"0.024", 0, 0.024},
+      {"-7.22", uint64_t(-7), -7.22},
+      {"0.1234567890123456", 0, 0.1234567890123456},  // 16 digits: left to the conversion
+      {".5", 0, 0.5},
+      {"5.", 5, 5.0},
+      {".", 0, 0.0},
+      {"1..2", 1, 1.0},
+      {"", 0, 0.0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(read_unsigned_auto(c.text), c.asUnsigned) << c.text;
+    EXPECT_EQ(read_double(c.text), c.asDouble) << c.text;
+  }
+  EXPECT_TRUE(std::signbit(read_double("-0")));
+  // A view stops at its own end, whatever digits follow it in the buffer.
+  const std::string_view digits = "12345";
+  EXPECT_EQ(read_unsigned_auto(digits.substr(0, 2)), 12u);
+  EXPECT_EQ(read_double(digits.substr(0, 3)), 123.0);
+}
+
 }  // namespace
 }  // namespace veltrix::dbc
