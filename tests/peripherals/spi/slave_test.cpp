@@ -255,7 +255,8 @@ TEST_P(SpiTakeaway, ClosingJoinsTheReaderAndFetchesNoMore) {
   // The reply that carried channel 1's last bytes is in the FIFO once the reader has
   // asked for channel 1 again; an unplug would otherwise take that reply with it.
   const uint64_t asked = with_channel(1, [](sim::SpiChannel& c) { return c.fetches; });
-  for (int i = 0; i < 10000 && with_channel(1, [](sim::SpiChannel& c) { return c.fetches; }) <= asked; ++i)
+  for (int i = 0;
+       i < 10000 && with_channel(1, [](sim::SpiChannel& c) { return c.fetches; }) <= asked; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   m_->clear_record();
   take_away(GetParam());
