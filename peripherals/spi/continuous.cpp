@@ -84,6 +84,13 @@ void reader_loop(int slot) {
 
 int stop(int handle, uint8_t ch);
 
+// Joins the slot's reader, unless the caller is the reader itself (a data callback that
+// stops or closes): it ends after the callback returns and the next start joins it.
+// The caller holds s.control.
+void join_reader(SlaveSlot& s) {
+  if (s.reader.joinable() && s.reader.get_id() != std::this_thread::get_id()) s.reader.join();
+}
+
 // A close stops each reading channel as SPI_SlaveContinueReadStop does, and joins a
 // reader that ended on its own (unplug, failed fetch): left running, the reader's next
 // fetch would re-open the adapter through the send retry.
@@ -94,7 +101,7 @@ void stop_for_close(uint32_t h) {
   for (int ch = 0; ch < kChannels; ++ch)
     if (s.ch[size_t(ch)].reading.load()) stop(int(h), uint8_t(ch));
   std::scoped_lock control(s.control);
-  if (s.reader.joinable()) s.reader.join();
+  join_reader(s);
 }
 
 int start(int handle, uint8_t ch, SPI_GET_DATA_HANDLE cb) {
@@ -144,7 +151,7 @@ int stop(int handle, uint8_t ch) {
       std::this_thread::sleep_for(kStopGrace);
       // With both flags clear the reader ends at its next turn; no start can set one
       // while `control` is held.
-      if (!any_reading(s)) s.reader.join();
+      if (!any_reading(s)) join_reader(s);
     }
   }
   return continuous_command(handle, ch, kCmdSlaveStopContinue);

@@ -233,6 +233,31 @@ TEST_F(SpiSlave, ReadBytesReturnsWhatCameWhenTheBudgetIsSpent) {
   EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + 10, pattern(10).begin()));
 }
 
+std::atomic<int> g_stop_result{1};
+
+// A callback may stop its own reading: the reader cannot join itself, so it is left to
+// end after the callback returns, and the stop still reaches the adapter.
+TEST_F(SpiSlave, CallbackStopsItsOwnReading) {
+  stream(0, pattern(500));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0,
+                                  [](int h, int ch, unsigned char*, int) {
+                                    if (g_stop_result.load() == 1)
+                                      g_stop_result = SPI_SlaveContinueReadStop(h, uint8_t(ch));
+                                  }),
+            0);
+  for (int i = 0; i < 10000 && spi::slave_reader_running(kSpiDev); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_FALSE(spi::slave_reader_running(kSpiDev));
+  EXPECT_EQ(g_stop_result.load(), 0);
+  EXPECT_EQ(sent(0x226), (std::vector<Bytes>{{0}}));
+  // The next start joins the reader that ended and starts a new one.
+  stream(0, pattern(20));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0, nullptr), 0);
+  wait_served(0);
+  ASSERT_EQ(SPI_SlaveContinueReadStop(kSpiDev, 0), 0);
+  EXPECT_EQ(drain_fifo(0), pattern(20));
+}
+
 std::atomic<int> g_chunks{0};
 
 class SpiTakeaway : public SpiSlave, public ::testing::WithParamInterface<Takeaway> {};
