@@ -153,6 +153,8 @@ int stop(int handle, uint8_t ch) {
       // while `control` is held.
       if (!any_reading(s)) join_reader(s);
     }
+  } else {
+    join_reader(s);  // one that ended on its own (unplug, failed fetch)
   }
   return continuous_command(handle, ch, kCmdSlaveStopContinue);
 }
