@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "device/abi.hpp"
+#include "device/close_hooks.hpp"
 #include "device/identity.hpp"
 #include "device/locks.hpp"
 #include "device/registry.hpp"
@@ -345,7 +346,10 @@ VELTRIX_EXPORT(int, close_dev, (uint32_t handle), 0, {
   return 1;
 })
 
-VELTRIX_EXPORT(int, USB_CloseDevice, (unsigned int handle), 0, { return close_dev(handle); })
+VELTRIX_EXPORT(int, USB_CloseDevice, (unsigned int handle), 0, {
+  run_close_hooks(handle);
+  return close_dev(handle);
+})
 
 VELTRIX_EXPORT(int, reset_dev, (uint32_t handle), 0, {
   AdapterLock guard(handle);

@@ -7,9 +7,9 @@ namespace veltrix {
 ExchangeResult exchange_locked(uint32_t handle, const Exchange& x) {
   ExchangeResult res;
   USB_MSG msg{x.cmd, uint32_t(x.payload.size()), const_cast<uint8_t*>(x.payload.data())};
-  int r = x.canfd_channel >= 0
-              ? send_canfd_packet(handle, uint8_t(x.canfd_channel), &msg, x.timeout_ms)
-              : send_packet(handle, &msg, x.timeout_ms);
+  const int send_ms = x.send_timeout_ms > 0 ? x.send_timeout_ms : x.timeout_ms;
+  int r = x.canfd_channel >= 0 ? send_canfd_packet(handle, uint8_t(x.canfd_channel), &msg, send_ms)
+                               : send_packet(handle, &msg, send_ms);
   if (r != 0) {
     res.code = static_cast<Transport>(r);
     return res;

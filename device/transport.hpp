@@ -47,6 +47,7 @@ struct Exchange {
   Reply want = Reply::Expected;   // None: the command has no reply
   uint32_t reply_cmd = 0;         // expected reply code; 0 means the same as cmd
   int timeout_ms = kDefaultTimeoutMs;
+  int send_timeout_ms = 0;        // time-out of the send alone; 0 means timeout_ms
   int canfd_channel = -1;         // >= 0: send on the endpoint of that CAN FD channel
 };
 

@@ -4,11 +4,12 @@
 
 #include "device/wire.hpp"
 #include "sim/canfd_bus.hpp"
-#include "sim/device_services.hpp"
 #include "sim/schedule_runner.hpp"
 
 namespace veltrix::sim {
 namespace {
+
+using namespace can_ctl;
 
 constexpr uint32_t kCmdInit = 0x0C00;
 constexpr uint32_t kCmdFilter = 0x0C01;
@@ -21,21 +22,8 @@ constexpr uint32_t kCmdTxInfo = 0x0C0B;
 
 constexpr size_t kRecord = 20;
 constexpr size_t kSyncHeader = 12;
-constexpr uint8_t kRefusal = 0x01;
-constexpr uint8_t kLecAck = 3;
-constexpr uint8_t kErrorPassive = 128;
-constexpr uint8_t kWarning = 96;
-constexpr uint64_t kTimeMask = 0xFFFFFFFFFFull;
 
-using Bytes = std::vector<uint8_t>;
-
-std::optional<Reply> ack(const Command& c) { return Reply{c.code, {}}; }
-std::optional<Reply> refuse(const Command& c) { return Reply{c.code, {kRefusal}}; }
-
-uint64_t now_100us(Model& m) {
-  DeviceServices& d = device_services(m);
-  return ((d.clock_us() - d.timestamp_zero_us) / 100) & kTimeMask;
-}
+uint64_t now_100us(Model& m) { return device_time(m, 100); }
 
 // Record layout (little-endian): ID, time low, flags (bit 0 RTR), ext, length, data[8],
 // time high.
@@ -87,8 +75,6 @@ void receive(CanPortModel& p, const CanFrame& f) {
   p.rx.push_back(f);
 }
 
-bool port_ok(const Command& c, size_t at) { return c.payload.size() > at && c.payload[at] < kCanPorts; }
-
 // One frame from port `from` onto the cable, to the other port's classic controller or,
 // on the CAN FD models, its CAN FD controller. False when nobody acknowledged it.
 bool reaches_peer(Model& m, CanBusState& bus, unsigned from, CanFrame& f) {
@@ -110,19 +96,14 @@ bool reaches_peer(Model& m, CanBusState& bus, unsigned from, CanFrame& f) {
   for (const CanNode& node : bus.nodes) acked = acked || node.present(m);
   if (!acked) return false;
   for (const CanNode& node : bus.nodes) node.on_frame(m, from, f);
-  if (tx.tec) --tx.tec;
-  tx.last_error = 0;
-  tx.sent.push_back(f);
-  if (tx.sent.size() > kSentLog) tx.sent.pop_front();
+  count_tx_success(tx, f);
   return true;
 }
 
 // Puts a batch on the bus from port `from`.
 void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> frames) {
   CanPortModel& tx = bus.ports[from];
-  tx.queued = uint32_t(frames.size());
-  tx.delivered = 0;
-  tx.aborted = false;
+  begin_batch(tx, frames.size());
   const int abort_after = tx.abort_after;
   tx.abort_after = -1;
   if (tx.bus_off && tx.auto_bus_off_recovery) {
@@ -136,9 +117,7 @@ void transmit(Model& m, CanBusState& bus, unsigned from, std::vector<CanFrame> f
     }
     if (tx.bus_off) return;  // stays queued
     if (!reaches_peer(m, bus, from, f)) {
-      // Nobody acknowledges: an error passive transmitter's counter no longer grows.
-      tx.last_error = kLecAck;
-      if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
+      count_tx_error(tx, kLecAck);
       // Without retransmission the frame is given up, and the adapter gives up the
       // batch; with it the controller keeps retrying this frame and the rest waits.
       tx.aborted = tx.no_auto_retransmit;
@@ -169,12 +148,7 @@ std::optional<Reply> on_init(Model& m, const Command& c) {
   port.tx_fifo_order = p[6] & 1;
   port.mode = p[7];
   port.bit_rate = prescaler ? can_clock_hz(m) / (prescaler * (1 + seg1 + seg2)) : 0;
-  port.tec = port.rec = 0;
-  port.bus_off = false;
-  port.last_error = 0;
-  port.rx.clear();
-  port.queued = port.delivered = 0;
-  port.aborted = false;
+  clear_on_start(port);
   return ack(c);
 }
 
@@ -230,30 +204,17 @@ std::optional<Reply> on_status(Model& m, const Command& c) {
   const CanPortModel& p = can_bus(m).ports[c.payload[0]];
   //   error status word: 31..24 REC | 23..16 TEC | 6..4 last error | 2 bus-off |
   //                      1 error passive | 0 error warning
-  uint32_t e = uint32_t(p.rec) << 24 | uint32_t(p.tec) << 16 | uint32_t(p.last_error & 7) << 4;
-  if (p.bus_off) e |= 4;
-  if (p.tec >= kErrorPassive || p.rec >= kErrorPassive) e |= 2;
-  if (p.tec >= kWarning || p.rec >= kWarning) e |= 1;
+  uint32_t e = uint32_t(p.rec) << 24 | uint32_t(p.tec) << 16 | uint32_t(p.last_error & 7) << 4 |
+               state_flags(p);
   Bytes out(8);
   wire::put_le32(out.data(), p.running ? 1u : 0u);  // status word: bit 0 port started
   wire::put_le32(out.data() + 4, e);
   return Reply{c.code, std::move(out)};
 }
 
-std::optional<Reply> on_stop(Model& m, const Command& c) {
-  if (c.payload.size() != 1 || !port_ok(c, 0)) return refuse(c);
-  CanPortModel& p = can_bus(m).ports[c.payload[0]];
-  p.running = false;
-  p.rx.clear();
-  return ack(c);
-}
+std::optional<Reply> on_stop(Model& m, const Command& c) { return stop(c, can_bus(m).ports); }
 
-std::optional<Reply> on_tx_info(Model& m, const Command& c) {
-  if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
-  const CanPortModel& p = can_bus(m).ports[c.payload[0]];
-  // One byte per count: the adapter reports them modulo 256.
-  return Reply{c.code, {uint8_t(p.queued), 0, uint8_t(p.delivered), uint8_t(p.aborted ? 1 : 0)}};
-}
+std::optional<Reply> on_tx_info(Model& m, const Command& c) { return tx_info(c, can_bus(m).ports); }
 
 }  // namespace
 
@@ -311,7 +272,7 @@ ClassicOffer can_offer_from_fd(Model& m, unsigned port, const CanFrame& f, bool 
   if (!p.running || p.bit_rate != rate || rate == 0) return ClassicOffer::NotThere;
   if (fd_format) {
     // A classic controller cannot follow the FD frame format: it flags a form error.
-    p.last_error = 2;
+    p.last_error = kLecForm;
     if (p.rec < kErrorPassive - 1) ++p.rec;
     return ClassicOffer::FormError;
   }

@@ -23,15 +23,14 @@
 #include <functional>
 #include <vector>
 
+#include "sim/can_controller.hpp"
 #include "sim/model.hpp"
 
 namespace veltrix::sim {
 
-inline constexpr size_t kCanPorts = 2;
 inline constexpr size_t kCanBanks = 14;
 inline constexpr size_t kRxFifoDepth = 20000;
 inline constexpr size_t kReadBatchMax = 2000;
-inline constexpr size_t kSentLog = 65536;
 
 // One frame as the controller sees it.
 struct CanFrame {

@@ -3,11 +3,12 @@
 #include <algorithm>
 
 #include "device/wire.hpp"
-#include "sim/device_services.hpp"
 #include "sim/schedule_runner.hpp"
 
 namespace veltrix::sim {
 namespace {
+
+using namespace can_ctl;
 
 constexpr uint32_t kCmdInit = 0x4000;
 constexpr uint32_t kCmdFilter = 0x4001;
@@ -24,25 +25,8 @@ constexpr size_t kHeader = 12;
 constexpr size_t kSendHeader = 12;
 constexpr size_t kConfig = 20;
 constexpr size_t kRule = 12;
-constexpr uint8_t kRefusal = 0x01;
-constexpr uint8_t kLecForm = 2;
-constexpr uint8_t kLecAck = 3;
-constexpr uint8_t kErrorPassive = 128;
-constexpr uint8_t kWarning = 96;
-constexpr uint64_t kTimeMask = 0xFFFFFFFFFFull;
 
-using Bytes = std::vector<uint8_t>;
-
-std::optional<Reply> ack(const Command& c) { return Reply{c.code, {}}; }
-std::optional<Reply> refuse(const Command& c) { return Reply{c.code, {kRefusal}}; }
-bool port_ok(const Command& c, size_t at) {
-  return c.payload.size() > at && c.payload[at] < kCanPorts;
-}
-
-uint64_t now_10us(Model& m) {
-  DeviceServices& d = device_services(m);
-  return ((d.clock_us() - d.timestamp_zero_us) / 10) & kTimeMask;
-}
+uint64_t now_10us(Model& m) { return device_time(m, 10); }
 
 uint8_t len_of(unsigned code) {
   static constexpr uint8_t kLen[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
@@ -76,11 +60,6 @@ void receive(CanFdPortModel& p, const FdFrame& f) {
     p.rx.pop_front();
   }
   p.rx.push_back(f);
-}
-
-void count_tx_error(CanFdPortModel& tx, uint8_t lec) {
-  tx.last_error = lec;
-  if (tx.tec < kErrorPassive) tx.tec = uint8_t(tx.tec + 8);
 }
 
 CanFrame to_classic(const FdFrame& f) {
@@ -127,10 +106,7 @@ bool deliver(Model& m, unsigned from, FdFrame& f) {
     count_tx_error(tx, kLecAck);
     return false;
   }
-  if (tx.tec) --tx.tec;
-  tx.last_error = 0;
-  tx.sent.push_back(f);
-  if (tx.sent.size() > kSentLog) tx.sent.pop_front();
+  count_tx_success(tx, f);
   if (!tx.drop_events) tx.events.push_back(f);
   for (const FdNode& node : fd.nodes) node.on_frame(m, from, f);
   return true;
@@ -138,9 +114,7 @@ bool deliver(Model& m, unsigned from, FdFrame& f) {
 
 void transmit(Model& m, unsigned from, std::vector<FdFrame> frames) {
   CanFdPortModel& tx = canfd_bus(m).ports[from];
-  tx.queued = uint32_t(frames.size());
-  tx.delivered = 0;
-  tx.aborted = false;
+  begin_batch(tx, frames.size());
   int abort_after = -1;
   if (tx.abort_skip > 0) {
     --tx.abort_skip;
@@ -172,13 +146,8 @@ std::optional<Reply> on_init(Model& m, const Command& c) {
   port.auto_retransmit = p[2] != 0;
   port.nominal_rate = rate(p[4], p[5], p[6]);
   port.data_rate = rate(p[8], p[9], p[10]);
-  port.tec = port.rec = 0;
-  port.last_error = 0;
-  port.bus_off = false;
-  port.rx.clear();
+  clear_on_start(port);
   port.events.clear();
-  port.queued = port.delivered = 0;
-  port.aborted = false;
   return ack(c);
 }
 
@@ -227,13 +196,6 @@ std::optional<Reply> on_read(Model& m, const Command& c) {
   return Reply{c.code, std::move(out)};
 }
 
-uint8_t state_flags(const CanFdPortModel& p) {
-  uint8_t s = p.bus_off ? 4 : 0;
-  if (p.tec >= kErrorPassive || p.rec >= kErrorPassive) s |= 2;
-  if (p.tec >= kWarning || p.rec >= kWarning) s |= 1;
-  return s;
-}
-
 std::optional<Reply> on_diagnostic(Model& m, const Command& c) {
   if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
   const CanFdPortModel& p = canfd_bus(m).ports[c.payload[0]];
@@ -261,18 +223,10 @@ std::optional<Reply> on_events(Model& m, const Command& c) {
 }
 
 std::optional<Reply> on_tx_info(Model& m, const Command& c) {
-  if (c.payload.size() != 1 || !port_ok(c, 0)) return ack(c);
-  const CanFdPortModel& p = canfd_bus(m).ports[c.payload[0]];
-  return Reply{c.code, {uint8_t(p.queued), 0, uint8_t(p.delivered), uint8_t(p.aborted ? 1 : 0)}};
+  return tx_info(c, canfd_bus(m).ports);
 }
 
-std::optional<Reply> on_stop(Model& m, const Command& c) {
-  if (c.payload.size() != 1 || !port_ok(c, 0)) return refuse(c);
-  CanFdPortModel& p = canfd_bus(m).ports[c.payload[0]];
-  p.running = false;
-  p.rx.clear();
-  return ack(c);
-}
+std::optional<Reply> on_stop(Model& m, const Command& c) { return stop(c, canfd_bus(m).ports); }
 
 }  // namespace
 

@@ -21,6 +21,10 @@ void keep_recent(std::deque<T>& q, size_t& dropped) {
   }
 }
 
+bool transfer_level(FaultKind k) {
+  return k == FaultKind::Stall || k == FaultKind::ClaimBusy || k == FaultKind::HoldOut;
+}
+
 }  // namespace
 
 void Model::record_command(const Command& c) {
@@ -136,7 +140,7 @@ size_t Model::unknown_commands() const {
 std::optional<Fault> Model::take_fault(uint32_t code) {
   for (auto it = faults_.begin(); it != faults_.end(); ++it) {
     if (it->match_code != 0 && it->match_code != code) continue;
-    if (it->kind == FaultKind::Stall) continue;  // applies to IN transfers, not commands
+    if (transfer_level(it->kind)) continue;  // hits transfers or claims, not commands
     Fault f = *it;
     if (--it->times <= 0) faults_.erase(it);
     return f;
@@ -144,9 +148,9 @@ std::optional<Fault> Model::take_fault(uint32_t code) {
   return std::nullopt;
 }
 
-bool Model::take_stall() {
+bool Model::take_transfer_fault(FaultKind kind) {
   for (auto it = faults_.begin(); it != faults_.end(); ++it) {
-    if (it->kind != FaultKind::Stall) continue;
+    if (it->kind != kind) continue;
     if (--it->times <= 0) faults_.erase(it);
     return true;
   }

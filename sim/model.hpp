@@ -56,6 +56,9 @@ enum class FaultKind {
   ExtraPayload,  // `arg` bytes (0xEE) are appended to the reply payload
   RawReply,      // `raw` is sent instead of the reply
   LongLength,    // the reply header announces `arg` more bytes than follow
+  // Transfer-level faults (match_code is ignored; `times` counts what they hit):
+  ClaimBusy,  // claiming the interface fails with EBUSY, as when another program holds it
+  HoldOut,    // a bulk OUT transfer is never accepted: it waits until the host gives up
 };
 
 struct Fault {
@@ -147,7 +150,9 @@ class Model {
   void record_control(const ControlRequest& c);
   void count_reset() { ++resets_; }
   std::optional<Fault> take_fault(uint32_t code);
-  bool take_stall();
+  bool take_stall() { return take_transfer_fault(FaultKind::Stall); }
+  // Consumes one hit of the first pending fault of a transfer-level kind.
+  bool take_transfer_fault(FaultKind kind);
 
  private:
   Identity id_;

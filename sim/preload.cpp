@@ -1,7 +1,10 @@
 // Loaded into any program started by veltrix-sim: builds the virtual adapters before main
 // runs. VELTRIX_SIM_ADAPTERS lists them as SERIAL[@PORTPATH][:full] separated by commas
 // (serial in hex). VELTRIX_SIM_ECU=1 puts the diagnostic ECU (requests on 7E0, answers on
-// 7E8) on every adapter's CAN bus.
+// 7E8) on every adapter's CAN bus. VELTRIX_SIM_UART_LOOPBACK=1 wires every UART channel's
+// output to its input. VELTRIX_SIM_UNPLUG=SERIAL:CODE (both hex) pulls that adapter out as
+// the first command CODE arrives, so a program can be tried against an adapter lost in the
+// middle of its work.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +19,37 @@
 #include "sim/uds_server.hpp"
 
 namespace {
+
+bool env_is(const char* name, const char* value) {
+  const char* v = std::getenv(name);
+  return v != nullptr && std::string(v) == value;
+}
+
+// SERIAL:CODE of VELTRIX_SIM_UNPLUG; false when unset or not of that form.
+bool unplug_request(uint32_t* serial, uint32_t* code) {
+  const char* v = std::getenv("VELTRIX_SIM_UNPLUG");
+  if (v == nullptr) return false;
+  char* end = nullptr;
+  *serial = uint32_t(std::strtoul(v, &end, 16));
+  if (end == v || *end != ':') return false;
+  const char* c = end + 1;
+  *code = uint32_t(std::strtoul(c, &end, 16));
+  return end != c && *end == '\0' && *code != 0;
+}
+
+void apply_options(veltrix::sim::Model& model) {
+  std::scoped_lock g(veltrix::sim::sim_mutex());
+  if (env_is("VELTRIX_SIM_ECU", "1")) veltrix::sim::uds_server(model).enabled = true;
+  if (env_is("VELTRIX_SIM_UART_LOOPBACK", "1"))
+    for (auto& ch : veltrix::sim::uart_sim(model).ch) ch.loopback = true;
+  uint32_t serial = 0, code = 0;
+  if (unplug_request(&serial, &code) && serial == model.serial()) {
+    veltrix::sim::Fault f;
+    f.kind = veltrix::sim::FaultKind::Unplug;
+    f.match_code = code;
+    model.inject(f);
+  }
+}
 
 __attribute__((constructor)) void veltrix_sim_start() {
   const char* list = std::getenv("VELTRIX_SIM_ADAPTERS");
@@ -42,11 +76,7 @@ __attribute__((constructor)) void veltrix_sim_start() {
         std::exit(2);
       }
       auto model = veltrix::sim::Testbed::instance().add_adapter(id, port);
-      const char* ecu = std::getenv("VELTRIX_SIM_ECU");
-      if (model && ecu != nullptr && std::string(ecu) == "1") {
-        std::scoped_lock g(veltrix::sim::sim_mutex());
-        veltrix::sim::uds_server(*model).enabled = true;
-      }
+      if (model) apply_options(*model);
     }
   } catch (const std::exception& e) {
     std::fprintf(stderr, "veltrix-sim: %s\n", e.what());

@@ -50,18 +50,21 @@ UsbDevice::UsbDevice(std::shared_ptr<Model> model) : model_(std::move(model)) {
 UsbDevice::~UsbDevice() {
   g_signal_handler_disconnect(base_, signal_id_);
   for (auto* d : pending_in_) umockdev_ioctl_data_unref(d);
+  for (auto* d : held_out_) umockdev_ioctl_data_unref(d);
   for (auto* d : completed_) umockdev_ioctl_data_unref(d);
   g_object_unref(base_);
 }
 
 void UsbDevice::disconnect() {
   connected_ = false;
-  for (auto* ud : pending_in_) {
-    urb_of(ud)->status = -ENODEV;
-    urb_of(ud)->actual_length = 0;
-    completed_.push_back(ud);
+  for (auto* pending : {&pending_in_, &held_out_}) {
+    for (auto* ud : *pending) {
+      urb_of(ud)->status = -ENODEV;
+      urb_of(ud)->actual_length = 0;
+      completed_.push_back(ud);
+    }
+    pending->clear();
   }
-  pending_in_.clear();
   in_stream_.clear();
 }
 
@@ -105,6 +108,12 @@ bool UsbDevice::handle(UMockdevIoctlClient* client) {
       umockdev_ioctl_client_complete(client, 0, 0);
       return true;
     case USBDEVFS_CLAIMINTERFACE:
+      if (model_->take_transfer_fault(FaultKind::ClaimBusy)) {
+        umockdev_ioctl_client_complete(client, -1, EBUSY);
+        return true;
+      }
+      umockdev_ioctl_client_complete(client, 0, 0);
+      return true;
     case USBDEVFS_RELEASEINTERFACE:
     case USBDEVFS_CLEAR_HALT:
     case USBDEVFS_RESETEP:
@@ -133,18 +142,10 @@ bool UsbDevice::handle(UMockdevIoctlClient* client) {
       return true;
     }
     case USBDEVFS_DISCARDURB: {
-      // A libusb time-out: the pending IN transfer is handed back as cancelled.
+      // A libusb time-out: the pending transfer is handed back as cancelled.
       gulong addr = gulong(*reinterpret_cast<void**>(arg->data));
-      for (auto it = pending_in_.begin(); it != pending_in_.end(); ++it) {
-        if ((*it)->client_addr != addr) continue;
-        urb_of(*it)->status = -ENOENT;
-        urb_of(*it)->actual_length = 0;
-        completed_.push_back(*it);
-        pending_in_.erase(it);
-        umockdev_ioctl_client_complete(client, 0, 0);
-        return true;
-      }
-      umockdev_ioctl_client_complete(client, -1, EINVAL);
+      const bool found = discard(pending_in_, addr) || discard(held_out_, addr);
+      umockdev_ioctl_client_complete(client, found ? 0 : -1, found ? 0 : EINVAL);
       return true;
     }
     default:
@@ -167,6 +168,14 @@ void UsbDevice::submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
   } else if (!(urb->endpoint & 0x80)) {
     uint8_t ep = urb->endpoint & 0x0F;
     model_->record_out({urb->endpoint, size_t(urb->buffer_length)});
+    if (model_->take_transfer_fault(FaultKind::HoldOut)) {
+      // Its bytes never reach the firmware; only the host's time-out ends it.
+      held_out_.push_back(umockdev_ioctl_data_ref(ud));
+      if (buf) g_object_unref(buf);
+      g_object_unref(ud);
+      umockdev_ioctl_client_complete(client, 0, 0);
+      return;
+    }
     urb->actual_length = urb->buffer_length;
     urb->status = 0;
     completed_.push_back(umockdev_ioctl_data_ref(ud));
@@ -182,6 +191,18 @@ void UsbDevice::submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
   if (buf) g_object_unref(buf);
   g_object_unref(ud);
   umockdev_ioctl_client_complete(client, 0, 0);
+}
+
+bool UsbDevice::discard(std::deque<UMockdevIoctlData*>& pending, unsigned long addr) {
+  for (auto it = pending.begin(); it != pending.end(); ++it) {
+    if ((*it)->client_addr != addr) continue;
+    urb_of(*it)->status = -ENOENT;
+    urb_of(*it)->actual_length = 0;
+    completed_.push_back(*it);
+    pending.erase(it);
+    return true;
+  }
+  return false;
 }
 
 void UsbDevice::control(UMockdevIoctlData* ud, UMockdevIoctlData* buf) {

@@ -52,6 +52,8 @@ class UsbDevice {
   void bulk_out(uint8_t endpoint, const uint8_t* data, size_t n);
   void complete_in();
   void reset_pipes();
+  // Hands the pending transfer at the host's address back as cancelled; false if unknown.
+  bool discard(std::deque<UMockdevIoctlData*>& pending, unsigned long addr);
 
   std::shared_ptr<Model> model_;
   UMockdevIoctlBase* base_ = nullptr;
@@ -60,6 +62,7 @@ class UsbDevice {
   std::vector<uint8_t> out_stream_[3];      // partial command frames per OUT endpoint
   std::deque<uint8_t> in_stream_;           // reply bytes not yet read by the host
   std::deque<UMockdevIoctlData*> pending_in_;
+  std::deque<UMockdevIoctlData*> held_out_;  // OUT transfers a HoldOut fault keeps
   std::deque<UMockdevIoctlData*> completed_;
 };
 

@@ -135,12 +135,13 @@ int stream(unsigned h, const StreamArgs& a) {
     std::fprintf(stderr, "veltrix adc: cannot write %s\n", csv.c_str());
     return 1;
   }
-  CsvWriter w(f, a.mask, a.rate);
   int r = ADC_StartContinueRead(h, (unsigned char)a.mask, a.rate, frame, nullptr);
   if (r != 0) {
     if (f != stdout) std::fclose(f);
     return fail("adc", "ADC_StartContinueRead", r);
   }
+  // The header only once there is a stream: a refused start leaves no half CSV behind.
+  CsvWriter w(f, a.mask, a.rate);
   std::vector<short> buf(size_t(ADC_MAX_FRAME_SAMPLES) * 8);
   const auto end = std::chrono::steady_clock::now() +
                    std::chrono::microseconds(static_cast<long long>(a.seconds * 1e6));

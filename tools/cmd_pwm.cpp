@@ -29,6 +29,11 @@ int set(unsigned h, unsigned char ch, double hz, double duty, unsigned long run_
   return 0;
 }
 
+int stop(unsigned h, unsigned char ch) {
+  const int r = PWM2_Stop(h, ch);
+  return r == 0 ? 0 : fail("pwm", "PWM2_Stop", r);
+}
+
 int capture(unsigned h, unsigned char cap) {
   int r = PWM_CAP_Init(h, cap, PWM_CAP_MODE_PERIOD);
   if (r != 0) return fail("pwm", "PWM_CAP_Init", r);
@@ -70,7 +75,7 @@ int cmd_pwm(int argc, char** argv) {
   if (op == "set")
     rc = set(h, (unsigned char)ch, hz, duty, run_us);
   else if (op == "stop")
-    rc = PWM2_Stop(h, (unsigned char)ch) == 0 ? 0 : 1;
+    rc = stop(h, (unsigned char)ch);
   else
     rc = capture(h, (unsigned char)ch);
   USB_CloseDevice(h);

@@ -144,10 +144,12 @@ VELTRIX_API int SPI_BlockWriteReadBytes(int DevHandle, unsigned char SPIIndex,
                                         int IntervalUs);
 
 /* Bit strings: characters '0' and '1', first character first on the bus. A longer
- * string than SPI_MAX_BITS is cut to it. SPI_WriteBits returns 0, -2, -4, or -5 (NULL or
- * a character other than '0'/'1'; nothing is sent). SPI_ReadBits writes ReadBitsNum
- * characters and a NUL to pReadBitStr (room for ReadBitsNum + 1; 0..SPI_MAX_BITS, else
- * -5) and returns 0, -2, -4 (no reply or not ceil(ReadBitsNum / 8) bytes), -5. */
+ * string than SPI_MAX_BITS is cut to it. SPI_WriteBits returns 0, -2 (the adapter did not
+ * take the command within 100 ms, on any try of the one-second send retry), -4 (no empty
+ * reply within 10 s), or -5 (NULL or a character other than '0'/'1'; nothing is sent).
+ * SPI_ReadBits writes ReadBitsNum characters and a NUL to pReadBitStr (room for
+ * ReadBitsNum + 1; 0..SPI_MAX_BITS, else -5) and returns 0, -2, -4 (no reply or not
+ * ceil(ReadBitsNum / 8) bytes), -5. */
 VELTRIX_API int SPI_WriteBits(int DevHandle, unsigned char SPIIndex, char* pWriteBitStr);
 VELTRIX_API int SPI_ReadBits(int DevHandle, unsigned char SPIIndex, char* pReadBitStr,
                              int ReadBitsNum);

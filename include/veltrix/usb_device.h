@@ -38,8 +38,10 @@ VELTRIX_API int USB_ScanDevice(unsigned int* pDevHandle);
  * Returns 1 when the adapter is open, 0 otherwise. */
 VELTRIX_API int USB_OpenDevice(unsigned int DevHandle);
 
-/* Closes an open adapter. Returns 1 if it was open and is now closed, 0 otherwise
- * (unknown handle, or not open). */
+/* Closes an open adapter. A running ADC stream and SPI slave reading of the adapter are
+ * stopped first (as by ADC_StopContinueRead and SPI_SlaveContinueReadStop): their threads
+ * are joined, and no data callback runs once this returns. Returns 1 if it was open and is
+ * now closed, 0 otherwise (unknown handle, or not open). */
 VELTRIX_API int USB_CloseDevice(unsigned int DevHandle);
 
 /* Asks the adapter's firmware to reset itself (vendor request 0x60).

@@ -1,8 +1,10 @@
 // Continuous reading: start, stop, draining the frame queue.
 #include <algorithm>
+#include <mutex>
 #include <system_error>
 
 #include "device/abi.hpp"
+#include "device/close_hooks.hpp"
 #include "device/identity.hpp"
 #include "device/locks.hpp"
 #include "device/registry.hpp"
@@ -47,9 +49,15 @@ int stop(uint32_t h) {
   return ADC_SUCCESS;
 }
 
+// A close (or an unplug followed by a close) stops the stream like ADC_StopContinueRead:
+// the reader's transfer must not outlive the handle it runs on.
+void stop_for_close(uint32_t h) { stop(h); }
+
 int start(uint32_t h, uint8_t mask, int rate, uint32_t frame_samples, ADC_DATA_CALLBACK cb) {
   const int slot = periph::slot_of(h);
   if (slot < 0 || frame_samples == 0) return ADC_ERR_PARAMETER;
+  static std::once_flag hooked;
+  std::call_once(hooked, [] { add_close_hook(stop_for_close); });
   frame_samples = std::min<uint32_t>(frame_samples, ADC_MAX_FRAME_SAMPLES);
   stop(h);  // a running stream first; a stream that ended by itself is joined here
   Stream& s = state().slots[slot].stream;

@@ -38,7 +38,7 @@ int write_bits(int handle, uint8_t ch, const char* bits) {
   if (!p.ok) return SPI_ERR_PARAMETER;
   wire::PayloadBuilder b(5 + p.bytes.size());
   b.u8(ch).be32(p.count).bytes(p.bytes);
-  return ack_exchange(handle, kCmdWriteBits, b.span(), kLongReplyMs);
+  return ack_exchange(handle, kCmdWriteBits, b.span(), kLongReplyMs, kBitsSendMs);
 }
 
 // The reply is ceil(n / 8) bytes, unpacked only when it is complete.

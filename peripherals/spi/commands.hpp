@@ -39,6 +39,9 @@ inline constexpr uint32_t kCmdSlaveContinueWrite = 0x227;
 // Transfers and flash programming answer only when the bus work is done.
 inline constexpr int kLongReplyMs = 10000;
 inline constexpr int kReplyMs = 1000;
+// A bit string the adapter does not take at once is given up on quickly (and retried by
+// the send policy); only its reply may take as long as a long transfer.
+inline constexpr int kBitsSendMs = 100;
 inline constexpr int kEventMarginMs = 100;
 inline constexpr int kSlaveMarginMs = 100;
 inline constexpr int kSlaveBufferMarginMs = 10;

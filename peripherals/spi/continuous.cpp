@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <mutex>
 #include <vector>
 
 #include "device/abi.hpp"
+#include "device/close_hooks.hpp"
 #include "device/locks.hpp"
 #include "peripherals/spi/commands.hpp"
 #include "peripherals/spi/slave.hpp"
@@ -80,9 +82,33 @@ void reader_loop(int slot) {
   }
 }
 
+int stop(int handle, uint8_t ch);
+
+// Joins the slot's reader, unless the caller is the reader itself (a data callback that
+// stops or closes): it ends after the callback returns and the next start joins it.
+// The caller holds s.control.
+void join_reader(SlaveSlot& s) {
+  if (s.reader.joinable() && s.reader.get_id() != std::this_thread::get_id()) s.reader.join();
+}
+
+// A close stops each reading channel as SPI_SlaveContinueReadStop does, and joins a
+// reader that ended on its own (unplug, failed fetch): left running, the reader's next
+// fetch would re-open the adapter through the send retry.
+void stop_for_close(uint32_t h) {
+  const int slot = slot_of(int(h));
+  if (slot < 0) return;
+  SlaveSlot& s = state().slave[size_t(slot)];
+  for (int ch = 0; ch < kChannels; ++ch)
+    if (s.ch[size_t(ch)].reading.load()) stop(int(h), uint8_t(ch));
+  std::scoped_lock control(s.control);
+  join_reader(s);
+}
+
 int start(int handle, uint8_t ch, SPI_GET_DATA_HANDLE cb) {
   const int slot = slot_of(handle);
   if (slot < 0) return SPI_ERR_SEND;
+  static std::once_flag hooked;
+  std::call_once(hooked, [] { add_close_hook(stop_for_close); });
   SlaveSlot& s = state().slave[size_t(slot)];
   SlaveChannel& c = s.ch[ch & 1];
   std::scoped_lock control(s.control);
@@ -125,8 +151,10 @@ int stop(int handle, uint8_t ch) {
       std::this_thread::sleep_for(kStopGrace);
       // With both flags clear the reader ends at its next turn; no start can set one
       // while `control` is held.
-      if (!any_reading(s)) s.reader.join();
+      if (!any_reading(s)) join_reader(s);
     }
+  } else {
+    join_reader(s);  // one that ended on its own (unplug, failed fetch)
   }
   return continuous_command(handle, ch, kCmdSlaveStopContinue);
 }

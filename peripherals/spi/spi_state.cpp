@@ -30,10 +30,13 @@ int spi_code(Transport t) {
   }
 }
 
-int ack_exchange(int handle, uint32_t cmd, std::span<const uint8_t> payload, int timeout_ms) {
+int ack_exchange(int handle, uint32_t cmd, std::span<const uint8_t> payload, int timeout_ms,
+                 int send_timeout_ms) {
   if (slot_of(handle) < 0) return SPI_ERR_SEND;
-  ExchangeResult r =
-      exchange(uint32_t(handle), {.cmd = cmd, .payload = payload, .timeout_ms = timeout_ms});
+  ExchangeResult r = exchange(uint32_t(handle), {.cmd = cmd,
+                                                 .payload = payload,
+                                                 .timeout_ms = timeout_ms,
+                                                 .send_timeout_ms = send_timeout_ms});
   if (int code = spi_code(r.code)) return code;
   return r.reply_len == 0 ? SPI_SUCCESS : SPI_ERR_REPLY;
 }

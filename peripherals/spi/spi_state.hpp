@@ -52,8 +52,10 @@ int slot_of(int handle);
 // Transport result to the family's code: anything but a failed write is a failed reply.
 int spi_code(Transport t);
 
-// Commands acknowledged by an empty reply: a payload is a failure.
-int ack_exchange(int handle, uint32_t cmd, std::span<const uint8_t> payload, int timeout_ms);
+// Commands acknowledged by an empty reply: a payload is a failure. send_timeout_ms 0 sends
+// within timeout_ms too.
+int ack_exchange(int handle, uint32_t cmd, std::span<const uint8_t> payload, int timeout_ms,
+                 int send_timeout_ms = 0);
 // Commands answered with exactly out.size() data bytes.
 int data_exchange(int handle, uint32_t cmd, std::span<const uint8_t> payload,
                   std::span<uint8_t> out, int timeout_ms);

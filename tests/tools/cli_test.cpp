@@ -599,6 +599,214 @@ TEST(CliHelp, PeripheralAndDiagnosticCommandsKeepUsageErrorsOnStderr) {
   }
 }
 
+// ---- UART, GPIO, PWM and ADC ----------------------------------------------------------
+
+const std::string kGpioUsage =
+    "usage: veltrix gpio SERIAL in MASK [up|down|none]\n"
+    "       veltrix gpio SERIAL out MASK [od]\n"
+    "       veltrix gpio SERIAL write MASK VALUE\n"
+    "       veltrix gpio SERIAL read MASK\n"
+    "       veltrix gpio SERIAL pulses MASK WIDTH_US PERIOD_US COUNT\n";
+const std::string kPwmUsage =
+    "usage: veltrix pwm SERIAL set CH FREQ_HZ DUTY_PERCENT [--run US]\n"
+    "       veltrix pwm SERIAL stop CH\n"
+    "       veltrix pwm SERIAL capture CAP\n";
+const std::string kAdcUsage =
+    "usage: veltrix adc SERIAL read MASK RATE N\n"
+    "       veltrix adc SERIAL stream --rate N --seconds S [--mask M] [--frame F]\n"
+    "                                [--out FILE.csv] [--plot FILE.png]\n";
+const std::string kUartUsage = "usage: veltrix uart SERIAL CH [--baud N] [--wait MS] [TEXT...]\n";
+
+struct PeriphCase {
+  const char* name;
+  std::vector<std::string> env;  // VAR=VALUE settings of the virtual adapters
+  std::vector<std::string> args;
+  int status;
+  std::string out, err;
+};
+
+// A classic adapter (no PWM outputs) and a CAN FD one, as in run().
+Result run_periph(const std::vector<std::string>& env, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"env"};
+  argv.insert(argv.end(), env.begin(), env.end());
+  argv.insert(argv.end(), {kSim, "--adapter", "51000001@1", "--adapter", "53000001@2", "--", kCli});
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run(argv);
+}
+
+class CliPeriph : public ::testing::TestWithParam<PeriphCase> {};
+
+TEST_P(CliPeriph, ExactOutputAndStatus) {
+  const PeriphCase& c = GetParam();
+  const Result r = run_periph(c.env, c.args);
+  EXPECT_EQ(r.status, c.status) << r.err;
+  EXPECT_EQ(r.out, c.out);
+  EXPECT_EQ(r.err, c.err);
+}
+
+const char* kLoopback = "VELTRIX_SIM_UART_LOOPBACK=1";
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, CliPeriph,
+    ::testing::Values(
+        PeriphCase{"UartLineComesBackOnALoopback",
+                   {kLoopback},
+                   {"uart", "51000001", "0", "--wait", "300", "hello", "world"},
+                   0,
+                   "hello world\n",
+                   ""},
+        PeriphCase{"UartBaudNotANumber",
+                   {},
+                   {"uart", "51000001", "0", "--baud", "fast"},
+                   2,
+                   "",
+                   kUartUsage},
+        PeriphCase{"UartChannelBeyondAByte", {}, {"uart", "51000001", "256"}, 2, "", kUartUsage},
+        PeriphCase{"UartAdapterNotThere",
+                   {},
+                   {"uart", "5100000F", "0", "hi"},
+                   1,
+                   "",
+                   "veltrix uart: adapter 5100000F not found or cannot be opened\n"},
+        PeriphCase{"UartAdapterUnpluggedByTheWrite",
+                   {"VELTRIX_SIM_UNPLUG=51000001:A01"},
+                   {"uart", "51000001", "1", "hi"},
+                   1,
+                   "",
+                   "veltrix uart: UART_WriteBytes failed (-4)\n"},
+        PeriphCase{"GpioReadPrintsTheLevels",
+                   {},
+                   {"gpio", "51000001", "read", "F"},
+                   0,
+                   "0x00000000\n",
+                   ""},
+        PeriphCase{"GpioOutputsWrittenAndPulsed",
+                   {},
+                   {"gpio", "51000001", "pulses", "1", "10", "100", "5"},
+                   0,
+                   "",
+                   ""},
+        PeriphCase{
+            "GpioUnknownPull", {}, {"gpio", "51000001", "in", "F", "sideways"}, 2, "", kGpioUsage},
+        PeriphCase{
+            "GpioWriteWithoutValue", {}, {"gpio", "51000001", "write", "F"}, 2, "", kGpioUsage},
+        PeriphCase{"GpioMaskNotHex", {}, {"gpio", "51000001", "read", "XYZ"}, 2, "", kGpioUsage},
+        PeriphCase{"GpioAdapterNotThere",
+                   {},
+                   {"gpio", "5100000F", "read", "F"},
+                   1,
+                   "",
+                   "veltrix gpio: adapter 5100000F not found or cannot be opened\n"},
+        PeriphCase{"GpioAdapterUnpluggedByTheRead",
+                   {"VELTRIX_SIM_UNPLUG=51000001:604"},
+                   {"gpio", "51000001", "read", "F"},
+                   1,
+                   "",
+                   "veltrix gpio: read failed (-4)\n"},
+        PeriphCase{"PwmSetReportsTheFrequencyItGot",
+                   {},
+                   {"pwm", "53000001", "set", "1", "33333", "50", "--run", "1000"},
+                   0,
+                   "channel 1: 33333.333333 Hz (asked 33333.000000, error +0.0010 %), duty 50.00 "
+                   "%\n",
+                   ""},
+        PeriphCase{"PwmCaptureWithoutEdges",
+                   {},
+                   {"pwm", "53000001", "capture", "0"},
+                   0,
+                   "capture 0: no edges\n",
+                   ""},
+        PeriphCase{"PwmModelWithoutOutputs",
+                   {},
+                   {"pwm", "51000001", "set", "0", "1000", "25"},
+                   1,
+                   "",
+                   "veltrix pwm: PWM2_Init failed (-5)\n"},
+        PeriphCase{"PwmStopOnAModelWithoutOutputs",
+                   {},
+                   {"pwm", "51000001", "stop", "0"},
+                   1,
+                   "",
+                   "veltrix pwm: PWM2_Stop failed (-5)\n"},
+        PeriphCase{"PwmDutyNotANumber",
+                   {},
+                   {"pwm", "53000001", "set", "0", "1000", "half"},
+                   2,
+                   "",
+                   kPwmUsage},
+        PeriphCase{"PwmAdapterNotThere",
+                   {},
+                   {"pwm", "5300000F", "stop", "0"},
+                   1,
+                   "",
+                   "veltrix pwm: adapter 5300000F not found or cannot be opened\n"},
+        PeriphCase{"PwmAdapterUnpluggedBySetUp",
+                   {"VELTRIX_SIM_UNPLUG=53000001:800"},
+                   {"pwm", "53000001", "set", "0", "1000", "25"},
+                   1,
+                   "",
+                   "veltrix pwm: PWM2_Init failed (-4)\n"},
+        PeriphCase{"AdcReadPrintsOneRowPerSet",
+                   {},
+                   {"adc", "51000001", "read", "05", "1000", "3"},
+                   0,
+                   "sample,time_s,in0,in2\n"
+                   "0,0.0000000,0,8192\n"
+                   "1,0.0010000,1,8193\n"
+                   "2,0.0020000,2,8194\n",
+                   ""},
+        PeriphCase{"AdcReadWithoutInputs",
+                   {},
+                   {"adc", "51000001", "read", "00", "1000", "3"},
+                   2,
+                   "",
+                   kAdcUsage},
+        PeriphCase{"AdcStreamWithoutRate",
+                   {},
+                   {"adc", "51000001", "stream", "--seconds", "1"},
+                   2,
+                   "",
+                   kAdcUsage},
+        PeriphCase{"AdcAdapterNotThere",
+                   {},
+                   {"adc", "5100000F", "read", "05", "1000", "3"},
+                   1,
+                   "",
+                   "veltrix adc: adapter 5100000F not found or cannot be opened\n"},
+        PeriphCase{"AdcAdapterUnpluggedByTheRead",
+                   {"VELTRIX_SIM_UNPLUG=51000001:501"},
+                   {"adc", "51000001", "read", "05", "1000", "3"},
+                   1,
+                   "",
+                   "veltrix adc: ADC_Read failed (-4)\n"},
+        // A refused start leaves no CSV header behind.
+        PeriphCase{"AdcAdapterUnpluggedByTheStreamStart",
+                   {"VELTRIX_SIM_UNPLUG=51000001:502"},
+                   {"adc", "51000001", "stream", "--rate", "1000", "--seconds", "1"},
+                   1,
+                   "",
+                   "veltrix adc: ADC_StartContinueRead failed (-4)\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// The stream's length depends on the clock, so its rows are checked one by one: the row
+// count the summary states, and each set continuing both inputs' ramps.
+TEST(CliAdc, StreamWritesEverySetItCountsAsCsv) {
+  const Result r = run_periph({}, {"adc", "51000001", "stream", "--rate", "1000", "--seconds",
+                                   "0.2", "--mask", "3", "--frame", "20"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<std::string> rows = lines(r.out);
+  ASSERT_GE(rows.size(), 2u);
+  EXPECT_EQ(rows[0], "sample,time_s,in0,in1");
+  for (size_t i = 1; i < rows.size(); ++i) {
+    char want[64];
+    std::snprintf(want, sizeof want, "%zu,%.7f,%zu,%zu", i - 1, double(i - 1) / 1000, i - 1,
+                  4096 + i - 1);
+    ASSERT_EQ(rows[i], want);
+  }
+  EXPECT_EQ(r.err, "veltrix adc: " + std::to_string(rows.size() - 1) +
+                       " sets of 2 inputs, 0 frames dropped\n");
+}
+
 TEST(VeltrixSim, ReportsClashingAdapterPositionsAsAMessage) {
   const struct {
     std::string a, b, err;

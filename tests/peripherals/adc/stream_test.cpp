@@ -164,5 +164,36 @@ TEST_F(AdcStream, StallEndsTheStreamButKeepsWhatCame) {
   EXPECT_FALSE(stream().thread.joinable());
 }
 
+std::atomic<int> g_calls{0};
+void count_frame(unsigned int, const unsigned char*, int, int) { ++g_calls; }
+
+class AdcTakeaway : public AdcStream, public ::testing::WithParamInterface<Takeaway> {};
+
+// A close, or an unplug and then a close, with the stream running: the reader thread is
+// joined, no callback comes afterwards, and the adapter streams again once re-opened.
+TEST_P(AdcTakeaway, ClosingJoinsTheReaderAndEndsTheCallbacks) {
+  const size_t threads = thread_count();
+  ASSERT_EQ(ADC_StartContinueRead(kDev, 0x01, 100000, 1000, count_frame), 0);
+  ASSERT_TRUE(wait_for([] { return g_calls.load() >= 5; }));
+  take_away(GetParam());
+  EXPECT_FALSE(stream().thread.joinable());
+  // An unplug may leave the USB emulation a helper thread of its own for a moment.
+  EXPECT_TRUE(wait_for([&] { return thread_count() == threads; }));
+  EXPECT_EQ(ADC_GetStreamState(kDev, nullptr), 0);
+  const int calls = g_calls.load();
+  std::this_thread::sleep_for(100ms);  // the adapter would have sent ten more frames
+  EXPECT_EQ(g_calls.load(), calls);
+
+  if (GetParam() == Takeaway::UnplugThenClose) bed().replug(kDev);
+  ASSERT_GE(USB_ScanDevice(nullptr), 1);
+  ASSERT_EQ(USB_OpenDevice(kDev), 1);
+  ASSERT_EQ(ADC_StartContinueRead(kDev, 0x01, 100000, 1000, nullptr), 0);
+  expect_ramp(5000, 1000);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, AdcTakeaway,
+                         ::testing::Values(Takeaway::Close, Takeaway::UnplugThenClose),
+                         takeaway_name);
+
 }  // namespace
 }  // namespace veltrix::test

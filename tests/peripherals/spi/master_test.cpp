@@ -51,6 +51,18 @@ TEST_F(SpiMaster, WriteBitsPacksMostSignificantBitFirst) {
   }
 }
 
+// An adapter that never takes the command: the bit string is given up on after 100 ms
+// and tried again within the one-second send retry, where a send waiting as long as the
+// reply (10 s) would be tried once. Nothing reaches the adapter and the result is -2.
+TEST_F(SpiMaster, WriteBitsSendGivesUpAfterItsOwnShortTimeOut) {
+  inject(test::fault(sim::FaultKind::HoldOut, 0, 0, 1000));
+  m_->clear_record();
+  std::string bits = "1011";
+  EXPECT_EQ(SPI_WriteBits(kSpiDev, 0, bits.data()), SPI_ERR_SEND);
+  EXPECT_GE(m_->out_transfers().size(), 2u);
+  EXPECT_TRUE(sent(0x210).empty());
+}
+
 TEST_F(SpiMaster, WriteBitsCutsALongStringAt163840Bits) {
   std::string s(SPI_MAX_BITS + 9, '1');
   s[SPI_MAX_BITS] = 'x';  // beyond the cut: never looked at

@@ -233,5 +233,75 @@ TEST_F(SpiSlave, ReadBytesReturnsWhatCameWhenTheBudgetIsSpent) {
   EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + 10, pattern(10).begin()));
 }
 
+std::atomic<int> g_stop_result{1};
+
+// A callback may stop its own reading: the reader cannot join itself, so it is left to
+// end after the callback returns, and the stop still reaches the adapter.
+TEST_F(SpiSlave, CallbackStopsItsOwnReading) {
+  stream(0, pattern(500));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0,
+                                  [](int h, int ch, unsigned char*, int) {
+                                    if (g_stop_result.load() == 1)
+                                      g_stop_result = SPI_SlaveContinueReadStop(h, uint8_t(ch));
+                                  }),
+            0);
+  for (int i = 0; i < 10000 && spi::slave_reader_running(kSpiDev); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_FALSE(spi::slave_reader_running(kSpiDev));
+  EXPECT_EQ(g_stop_result.load(), 0);
+  EXPECT_EQ(sent(0x226), (std::vector<Bytes>{{0}}));
+  // The next start joins the reader that ended and starts a new one.
+  stream(0, pattern(20));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0, nullptr), 0);
+  wait_served(0);
+  ASSERT_EQ(SPI_SlaveContinueReadStop(kSpiDev, 0), 0);
+  EXPECT_EQ(drain_fifo(0), pattern(20));
+}
+
+std::atomic<int> g_chunks{0};
+
+class SpiTakeaway : public SpiSlave, public ::testing::WithParamInterface<Takeaway> {};
+
+// A close, or an unplug and then a close, while both channels read (one through a
+// callback): the reader is joined, the adapter is asked for nothing more (a reader left
+// running would re-open it), and no callback comes afterwards.
+TEST_P(SpiTakeaway, ClosingJoinsTheReaderAndFetchesNoMore) {
+  const size_t threads = thread_count();
+  stream(0, pattern(4000));
+  stream(1, pattern(3000));
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 0,
+                                  [](int, int, unsigned char*, int n) {
+                                    if (n > 0) ++g_chunks;
+                                  }),
+            0);
+  ASSERT_EQ(SPI_SlaveContinueRead(kSpiDev, 1, nullptr), 0);
+  wait_served(0);
+  wait_served(1);
+  // The reply that carried channel 1's last bytes is in the FIFO once the reader has
+  // asked for channel 1 again; an unplug would otherwise take that reply with it.
+  const uint64_t asked = with_channel(1, [](sim::SpiChannel& c) { return c.fetches; });
+  for (int i = 0;
+       i < 10000 && with_channel(1, [](sim::SpiChannel& c) { return c.fetches; }) <= asked; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  m_->clear_record();
+  take_away(GetParam());
+  EXPECT_FALSE(spi::slave_reader_running(kSpiDev));
+  EXPECT_EQ(thread_count(), threads);
+  if (GetParam() == Takeaway::Close) {
+    EXPECT_EQ(sent(0x226), (std::vector<Bytes>{{0}, {1}}));  // each channel told to stop
+  }
+  m_->clear_record();
+  const int chunks = g_chunks.load();
+  stream(0, pattern(100));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_TRUE(sent(0x223).empty());
+  EXPECT_EQ(g_chunks.load(), chunks);
+  EXPECT_EQ(drain_fifo(1), pattern(3000));  // what came before the close stays
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, SpiTakeaway,
+                         ::testing::Values(Takeaway::Close, Takeaway::UnplugThenClose),
+                         takeaway_name);
+
 }  // namespace
 }  // namespace veltrix::test

@@ -99,6 +99,30 @@ TEST_F(Vci, AddressingResultsAndErrorWords) {
   EXPECT_EQ(err_of(0, 0), VCI_ERR_DEVICE_TYPE);
 }
 
+// The adapter is found but refuses to open (its interface is held elsewhere): 512 and the
+// open error word; the next open, with nothing holding it, works and the port configures.
+TEST_F(Vci, RefusedOpenAnswers512ThenAHealthyOpenWorks) {
+  auto m = plug(kClassic);
+  m->inject(fault(sim::FaultKind::ClaimBusy, 0));
+  EXPECT_EQ(VCI_OpenDevice(kTwo, 0, 0), VCI_OPEN_FAILED);
+  EXPECT_EQ(VCI_OPEN_FAILED, 512u);
+  EXPECT_EQ(err_of(0, 0), 0x0200u);
+  EXPECT_EQ(err_of(0, 1), 0u);  // an open has no port: the word of port 0 holds it
+  EXPECT_EQ(err_of(0, 0), 0u);
+  uint64_t one_port = 0;
+  m->inject(fault(sim::FaultKind::ClaimBusy, 0));
+  EXPECT_EQ(VCI_OpenDevice(VCI_DEVICE_ONE_PORT, 0, 0), VCI_OPEN_FAILED);
+  EXPECT_EQ(VCI_ReadErrInfo(VCI_DEVICE_ONE_PORT, 0, 1, &one_port), 1u);
+  EXPECT_EQ(one_port, 0x0200u);
+
+  ASSERT_EQ(VCI_OpenDevice(kTwo, 0, 0), 1u);
+  EXPECT_EQ(err_of(0, 0), 0u);
+  m->clear_record();
+  VCI_INIT_CONFIG c = config_500k();
+  ASSERT_EQ(VCI_InitCAN(kTwo, 0, 0, &c), 1u);
+  EXPECT_EQ(payloads(*m, 0x0C00).size(), 1u);
+}
+
 TEST_F(Vci, BoardRecordIsFixed) {
   VCI_BOARD_INFO info;
   std::memset(&info, 0xAB, sizeof info);
