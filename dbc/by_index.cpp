@@ -39,18 +39,27 @@ int values_of(DBC_Decoder& db, uint32_t mi, double* values, int capacity) {
   // The selection is read once per frame, from the stored data as the name-based readers
   // read it for every signal.
   const uint32_t sw = db.muxSwitch(mi);
+  const bool has_switch = sw != DBC_Decoder::kNone;
   uint64_t selected = 0;
-  if (sw != DBC_Decoder::kNone) {
+  if (has_switch) {
     const DBC_SIGNAL& s = m.signals[sw];
     selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), m.data,
                                             ByteOrder(s.byteOrder));
   }
-  for (size_t i = 0; i < fill; ++i) {
-    DBC_SIGNAL& s = m.signals[i];
-    const bool shown = s.multiplexMode == MUX_NONE || s.multiplexMode == MUX_SWITCH ||
-                       (sw != DBC_Decoder::kNone && s.multiplexMode == MUX_SELECTED &&
-                        s.multiplexValue == selected);
-    values[i] = shown ? DBC_Decoder::getSignalRealValue(&s) : std::nan("");
+  DBC_SIGNAL* s = m.signals.data();
+  if (planned(db, mi)) {
+    // The raw values were just decoded through the same plans, so they are within the
+    // length mask and the plan's conversion is the general one.
+    const SignalPlan* p = db.plan().signals(mi);
+    for (size_t i = 0; i < fill; ++i)
+      values[i] = p[i].shown(has_switch, selected) ? p[i].value(s[i].rawValue) : std::nan("");
+  } else {
+    for (size_t i = 0; i < fill; ++i) {
+      const bool shown =
+          s[i].multiplexMode == MUX_NONE || s[i].multiplexMode == MUX_SWITCH ||
+          (has_switch && s[i].multiplexMode == MUX_SELECTED && s[i].multiplexValue == selected);
+      values[i] = shown ? DBC_Decoder::getSignalRealValue(&s[i]) : std::nan("");
+    }
   }
   return int(std::min<size_t>(n, INT_MAX));
 }

@@ -15,7 +15,9 @@
 #include <string_view>
 #include <vector>
 
+#include "dbc/codec_plan.hpp"
 #include "dbc/model.hpp"
+#include "dbc/name_cache.hpp"
 #include "dbc/name_index.hpp"
 
 namespace veltrix::dbc {
@@ -104,6 +106,12 @@ class DBC_Decoder {
   const std::vector<DBC_MESSAGE>& messages() const { return messages_; }
   const std::vector<DBC_ATTRIBUTE>& attributeDefinitions() const { return definitions_; }
 
+  // Decode/encode plans and the name-lookup cache of the exported functions, rebuilt with
+  // the indexes: call rebuildIndexes() after changing a signal's layout, scaling, value
+  // type or multiplexing through a pointer.
+  const CodecPlan& plan() const { return plan_; }
+  NameCache& nameCache() { return nameCache_; }
+
   void rebuildIndexes();
 
  private:
@@ -132,6 +140,8 @@ class DBC_Decoder {
   std::vector<SignalRef> signalRefs_;
   IdIndex byId_;
   std::vector<uint32_t> switchOf_;
+  CodecPlan plan_;
+  NameCache nameCache_;
 
   ParseFault fault_;
   size_t lineNo_ = 0;

@@ -27,31 +27,52 @@ int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_
   return DBC_OK;
 }
 
-void decode_signals(DBC_MESSAGE& m, const uint8_t* data) {
-  for (DBC_SIGNAL& s : m.signals) {
-    s.rawValue =
-        DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), data, ByteOrder(s.byteOrder));
+bool planned(const DBC_Decoder& db, uint32_t mi) {
+  const CodecPlan& plan = db.plan();
+  return mi < plan.messageCount() && plan.signalCount(mi) == db.messages()[mi].signals.size();
+}
+
+void decode_signals(DBC_Decoder& db, uint32_t mi, const PaddedImage& image) {
+  DBC_MESSAGE& m = db.messages()[mi];
+  DBC_SIGNAL* s = m.signals.data();
+  const size_t n = m.signals.size();
+  if (planned(db, mi)) {
+    const SignalPlan* p = db.plan().signals(mi);
+    for (size_t i = 0; i < n; ++i) s[i].rawValue = p[i].read(image, s[i]);
+    return;
+  }
+  for (size_t i = 0; i < n; ++i) {
+    s[i].rawValue = DBC_Decoder::arrayValueToRaw(s[i].startBit, uint8_t(s[i].length), image.image(),
+                                                 ByteOrder(s[i].byteOrder));
   }
 }
 
-void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image) {
+void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image) {
   const DBC_MESSAGE& m = db.messages()[mi];
-  std::memset(image, 0, kDataBytes);
+  std::memset(image->bytes, 0, sizeof image->bytes);
+  const SignalPlan* p = planned(db, mi) ? db.plan().signals(mi) : nullptr;
+  auto put = [&](size_t i) {
+    const DBC_SIGNAL& s = m.signals[i];
+    if (p) {
+      p[i].write(*image, s, s.rawValue);
+    } else {
+      DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image->image(),
+                                   ByteOrder(s.byteOrder));
+    }
+  };
   const uint32_t sw = db.muxSwitch(mi);
   uint64_t selected = 0;
   if (sw != DBC_Decoder::kNone) {
-    const DBC_SIGNAL& s = m.signals[sw];
-    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
-                                 ByteOrder(s.byteOrder));
-    selected = s.rawValue;
+    put(sw);
+    selected = m.signals[sw].rawValue;
   }
-  for (const DBC_SIGNAL& s : m.signals) {
+  for (size_t i = 0; i < m.signals.size(); ++i) {
+    const DBC_SIGNAL& s = m.signals[i];
     if (sw != DBC_Decoder::kNone && s.multiplexMode == MUX_SELECTED &&
         s.multiplexValue != selected) {
       continue;
     }
-    DBC_Decoder::rawValueToArray(s.rawValue, s.startBit, uint8_t(s.length), image,
-                                 ByteOrder(s.byteOrder));
+    put(i);
   }
 }
 
@@ -62,10 +83,11 @@ uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f) {
   if (mi == DBC_Decoder::kNone) return mi;
   DBC_MESSAGE& m = db.messages()[mi];
   // Bytes 8..63 of the stored data keep what they held; the decode reads zeros there.
-  uint8_t image[kDataBytes] = {};
+  PaddedImage image;
+  image.load(f.Data, kCanBytes);
   std::memcpy(m.data, f.Data, kCanBytes);
-  std::memcpy(image, f.Data, kCanBytes);
-  decode_signals(m, image);
+  decode_signals(db, mi, image);
+  db.nameCache().received(db, mi);
   return mi;
 }
 
@@ -73,18 +95,21 @@ uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f) {
   const uint32_t mi = db.findMessageById(f.ID);  // bit 31 already marks extended ids
   if (mi == DBC_Decoder::kNone) return mi;
   DBC_MESSAGE& m = db.messages()[mi];
+  PaddedImage image;
+  image.load(f.Data, kDataBytes);
   std::memcpy(m.data, f.Data, kDataBytes);
-  decode_signals(m, f.Data);
+  decode_signals(db, mi, image);
+  db.nameCache().received(db, mi);
   return mi;
 }
 
 void build_can_msg(const DBC_Decoder& db, uint32_t mi, CAN_MSG* out) {
   // Encoded into a full image, so a signal placed beyond byte 7 cannot spill into the rest
   // of the record; only the first 8 bytes travel.
-  uint8_t image[kDataBytes];
-  encode_signals(db, mi, image);
+  PaddedImage image;
+  encode_signals(db, mi, &image);
   const DBC_MESSAGE& m = db.messages()[mi];
-  std::memcpy(out->Data, image, sizeof out->Data);
+  std::memcpy(out->Data, image.image(), sizeof out->Data);
   out->FrameFlags = 0;
   out->ID = m.id & 0x1FFFFFFFu;
   out->ExtFlag = uint8_t(m.id >> 31);

@@ -15,13 +15,17 @@ namespace veltrix::dbc {
 // i.e. from the last frame received for it.
 int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_SIGNAL& signal);
 
-// Stores every signal's raw value as it stands in `data` (kDataBytes long).
-void decode_signals(DBC_MESSAGE& m, const uint8_t* data);
+// Whether message mi's signals are all in the database's plan (records changed without
+// rebuildIndexes() are not, and go through the general codec).
+bool planned(const DBC_Decoder& db, uint32_t mi);
 
-// Writes the message's current signal values into a cleared payload image. With a switch,
-// a multiplexed signal is written only when the switch holds its multiplex value; without
+// Stores every signal's raw value of message mi as it stands in the image.
+void decode_signals(DBC_Decoder& db, uint32_t mi, const PaddedImage& image);
+
+// Writes message mi's current signal values into a cleared image. With a switch, a
+// multiplexed signal is written only when the switch holds its multiplex value; without
 // one every signal is written. Later signals overwrite earlier ones where bits overlap.
-void encode_signals(const DBC_Decoder& db, uint32_t mi, uint8_t* image);
+void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image);
 
 // A received frame: finds the message of its identifier, keeps the bytes as the message's
 // last received data and stores every signal's raw value. A classic frame carries 8 bytes

@@ -1,0 +1,140 @@
+// Decode and encode plans computed once per database, so that a frame costs one 64-bit load,
+// a shift and a mask per signal instead of a walk over its bits.
+//
+// A signal whose bits all fall within one 8-byte window is read with a single load of that
+// window: Intel signals from a little-endian load starting at the byte of their start bit,
+// Motorola signals from a big-endian load ending at that byte. The window may reach past
+// either end of the payload image, so the plans work on a padded image whose pad bytes read
+// as zero and absorb writes, exactly as positions outside the image behave in the general
+// codec. Signals the window cannot hold (a start beyond the image, or bits that would
+// spill past the window when written) keep using the general codec.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "dbc/model.hpp"
+#include "device/wire.hpp"
+
+namespace veltrix::dbc {
+
+class DBC_Decoder;
+
+// A payload image with kPad zero bytes on either side.
+struct PaddedImage {
+  static constexpr int kPad = 8;
+  alignas(16) uint8_t bytes[kPad + kDataBytes + kPad];
+
+  uint8_t* image() { return bytes + kPad; }
+  const uint8_t* image() const { return bytes + kPad; }
+  // Zeroed, then the first n bytes of the image copied from data (n <= kDataBytes).
+  void load(const uint8_t* data, size_t n) {
+    std::memset(bytes, 0, sizeof bytes);
+    std::memcpy(image(), data, n);
+  }
+};
+
+struct SignalPlan {
+  enum Layout : uint8_t { kIntel, kMotorola, kGeneral };
+  enum Conversion : uint8_t { kScale, kFloat32, kFloat64, kZero };
+  enum Flag : uint8_t {
+    kEncodeInWindow = 1,  // the write fits the 8-byte window as well
+    kCanonical = 2,       // what (its message's name, its name) looks up; see NameCache
+  };
+
+  uint64_t mask;    // the bits a frame yields: the low (length mod 256) bits
+  uint64_t sign;    // a signed integer's top bit; 0 when no sign extension applies
+  uint64_t extend;  // bits set above the top bit when the sign bit is set
+  double factor;
+  double offset;
+  uint8_t byte;   // byte of the start bit (Intel/Motorola layouts: below kDataBytes)
+  uint8_t shift;  // start bit within that byte
+  uint8_t layout;
+  uint8_t conversion;
+  uint8_t mux;  // multiplex mode; any unknown mode is kept as an unknown one (3)
+  uint8_t flags;
+  uint16_t muxValue;
+
+  // The raw value held by a padded image, as DBC_Decoder::arrayValueToRaw reads it from
+  // the image; `s` is the signal the plan was built from.
+  uint64_t read(const PaddedImage& p, const DBC_SIGNAL& s) const {
+    if (layout == kIntel) return (wire::get_le64(p.image() + byte) >> shift) & mask;
+    if (layout == kMotorola) return (wire::get_be64(p.image() + byte - 7) >> shift) & mask;
+    return readGeneral(p, s);
+  }
+
+  // Writes raw into a padded image as DBC_Decoder::rawValueToArray writes it into the
+  // image: only the low length bits, later writes winning where bits overlap.
+  void write(PaddedImage& p, const DBC_SIGNAL& s, uint64_t raw) const {
+    if (!(flags & kEncodeInWindow)) return writeGeneral(p, s, raw);
+    const uint64_t field = mask << shift;
+    if (layout == kIntel) {
+      uint8_t* at = p.image() + byte;
+      wire::put_le64(at, (wire::get_le64(at) & ~field) | ((raw << shift) & field));
+    } else {
+      uint8_t* at = p.image() + byte - 7;
+      wire::put_be64(at, (wire::get_be64(at) & ~field) | ((raw << shift) & field));
+    }
+  }
+
+  // The physical value of a raw value that read() returned, bit for bit what
+  // DBC_Decoder::getSignalRealValue gives for it.
+  double value(uint64_t raw) const {
+    switch (conversion) {
+      case kFloat32: {
+        float f;
+        const uint32_t bits = uint32_t(raw);
+        std::memcpy(&f, &bits, sizeof f);
+        return f;
+      }
+      case kFloat64: {
+        double d;
+        std::memcpy(&d, &raw, sizeof d);
+        return d;
+      }
+      case kZero:
+        return 0.0;
+      default:
+        if (raw & sign) return double(int64_t(raw | extend)) * factor + offset;
+        return double(raw) * factor + offset;
+    }
+  }
+
+  // Whether a switch holding `selected` shows this signal (with `has_switch` false only
+  // plain signals and switches are shown).
+  bool shown(bool has_switch, uint64_t selected) const {
+    if (mux == MUX_NONE || mux == MUX_SWITCH) return true;
+    return has_switch && mux == MUX_SELECTED && muxValue == selected;
+  }
+
+ private:
+  static uint64_t readGeneral(const PaddedImage& p, const DBC_SIGNAL& s);
+  static void writeGeneral(PaddedImage& p, const DBC_SIGNAL& s, uint64_t raw);
+};
+static_assert(sizeof(SignalPlan) == 48, "plans stay a few dozen bytes per signal");
+
+class CodecPlan {
+ public:
+  void build(const DBC_Decoder& db);
+
+  // Messages and signals planned; records added behind the plan's back are not in it, and
+  // callers check these counts before trusting a plan.
+  size_t messageCount() const { return firstByName_.size(); }
+  size_t signalCount(uint32_t mi) const { return first_[mi + 1] - first_[mi]; }
+  // The plans of message mi's signals, in file order.
+  const SignalPlan* signals(uint32_t mi) const { return plans_.data() + first_[mi]; }
+  // The first message with the same name as message mi.
+  uint32_t firstByName(uint32_t mi) const { return firstByName_[mi]; }
+  // Whether message mi's name holds no zero byte, i.e. a C string can name it.
+  bool nameIsPlain(uint32_t mi) const { return plainName_[mi] != 0; }
+
+ private:
+  std::vector<SignalPlan> plans_;
+  std::vector<uint32_t> first_;  // message -> its first plan; one more entry ends the last
+  std::vector<uint32_t> firstByName_;
+  std::vector<uint8_t> plainName_;
+};
+
+}  // namespace veltrix::dbc
