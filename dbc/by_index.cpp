@@ -29,39 +29,9 @@ int signal_at(long long handle, int msg, int sig, DBC_Decoder** db, DBC_SIGNAL**
   return DBC_OK;
 }
 
-// Writes the physical value of every signal of message mi, as its last frame left it, in
-// file order into values (at most capacity of them); a multiplexed signal that the frame's
-// switch does not select reads as NaN. Returns the message's signal count.
-int values_of(DBC_Decoder& db, uint32_t mi, double* values, int capacity) {
-  DBC_MESSAGE& m = db.messages()[mi];
-  const size_t n = m.signals.size();
-  const size_t fill = values ? std::min(n, size_t(std::max(capacity, 0))) : 0;
-  // The selection is read once per frame, from the stored data as the name-based readers
-  // read it for every signal.
-  const uint32_t sw = db.muxSwitch(mi);
-  const bool has_switch = sw != DBC_Decoder::kNone;
-  uint64_t selected = 0;
-  if (has_switch) {
-    const DBC_SIGNAL& s = m.signals[sw];
-    selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), m.data,
-                                            ByteOrder(s.byteOrder));
-  }
-  DBC_SIGNAL* s = m.signals.data();
-  if (planned(db, mi)) {
-    // The raw values were just decoded through the same plans, so they are within the
-    // length mask and the plan's conversion is the general one.
-    const SignalPlan* p = db.plan().signals(mi);
-    for (size_t i = 0; i < fill; ++i)
-      values[i] = p[i].shown(has_switch, selected) ? p[i].value(s[i].rawValue) : std::nan("");
-  } else {
-    for (size_t i = 0; i < fill; ++i) {
-      const bool shown =
-          s[i].multiplexMode == MUX_NONE || s[i].multiplexMode == MUX_SWITCH ||
-          (has_switch && s[i].multiplexMode == MUX_SELECTED && s[i].multiplexValue == selected);
-      values[i] = shown ? DBC_Decoder::getSignalRealValue(&s[i]) : std::nan("");
-    }
-  }
-  return int(std::min<size_t>(n, INT_MAX));
+// The signal count of message mi, as the one-call decodes return it.
+int signal_count(const DBC_Decoder& db, uint32_t mi) {
+  return int(std::min<size_t>(db.messages()[mi].signals.size(), INT_MAX));
 }
 
 }  // namespace
@@ -137,10 +107,11 @@ VELTRIX_EXPORT(int, DBC_DecodeCANMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pCANMsg || (!pValues && capacity > 0)) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = take_can_frame(*db, *pCANMsg);
+                 const ValuesOut out{pValues, size_t(std::max(capacity, 0))};
+                 const uint32_t mi = take_can_frame(*db, *pCANMsg, out);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  if (pMsgIndex) *pMsgIndex = int(mi);
-                 return values_of(*db, mi, pValues, capacity);
+                 return signal_count(*db, mi);
                })
 
 VELTRIX_EXPORT(int, DBC_DecodeCANFDMsg,
@@ -150,10 +121,11 @@ VELTRIX_EXPORT(int, DBC_DecodeCANFDMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pCANFDMsg || (!pValues && capacity > 0)) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = take_canfd_frame(*db, *pCANFDMsg);
+                 const ValuesOut out{pValues, size_t(std::max(capacity, 0))};
+                 const uint32_t mi = take_canfd_frame(*db, *pCANFDMsg, out);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  if (pMsgIndex) *pMsgIndex = int(mi);
-                 return values_of(*db, mi, pValues, capacity);
+                 return signal_count(*db, mi);
                })
 
 VELTRIX_EXPORT(int, DBC_EncodeCANMsgByIndex, (long long DBCHandle, int msgIndex, CAN_MSG* pCANMsg),

@@ -54,7 +54,7 @@ void CodecPlan::build(const DBC_Decoder& db) {
   plans_.clear();
   first_.assign(messages.size() + 1, 0);
   firstByName_.assign(messages.size(), DBC_Decoder::kNone);
-  plainName_.assign(messages.size(), 0);
+  nameHint_.assign(messages.size(), DBC_Decoder::kNone);
   size_t total = 0;
   for (const DBC_MESSAGE& m : messages) total += m.signals.size();
   plans_.reserve(total);
@@ -62,7 +62,7 @@ void CodecPlan::build(const DBC_Decoder& db) {
     const DBC_MESSAGE& m = messages[mi];
     first_[mi] = uint32_t(plans_.size());
     firstByName_[mi] = db.findMessage(m.name);
-    plainName_[mi] = plain_text(m.name);
+    if (plain_text(m.name)) nameHint_[mi] = firstByName_[mi];
     for (uint32_t si = 0; si < m.signals.size(); ++si) {
       SignalPlan p = plan_of(m.signals[si]);
       // A name with a zero byte inside can never be asked for through a C string, so only

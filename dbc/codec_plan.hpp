@@ -36,6 +36,13 @@ struct PaddedImage {
   }
 };
 
+// Whether a signal of multiplex mode `mode` and value `value` is present in a frame whose
+// switch holds `selected` (has_switch false: the message has no switch).
+inline bool mux_shown(uint32_t mode, uint32_t value, bool has_switch, uint64_t selected) {
+  if (mode == MUX_NONE || mode == MUX_SWITCH) return true;
+  return has_switch && mode == MUX_SELECTED && value == selected;
+}
+
 struct SignalPlan {
   enum Layout : uint8_t { kIntel, kMotorola, kGeneral };
   enum Conversion : uint8_t { kScale, kFloat32, kFloat64, kZero };
@@ -105,8 +112,7 @@ struct SignalPlan {
   // Whether a switch holding `selected` shows this signal (with `has_switch` false only
   // plain signals and switches are shown).
   bool shown(bool has_switch, uint64_t selected) const {
-    if (mux == MUX_NONE || mux == MUX_SWITCH) return true;
-    return has_switch && mux == MUX_SELECTED && muxValue == selected;
+    return mux_shown(mux, muxValue, has_switch, selected);
   }
 
  private:
@@ -127,14 +133,15 @@ class CodecPlan {
   const SignalPlan* signals(uint32_t mi) const { return plans_.data() + first_[mi]; }
   // The first message with the same name as message mi.
   uint32_t firstByName(uint32_t mi) const { return firstByName_[mi]; }
-  // Whether message mi's name holds no zero byte, i.e. a C string can name it.
-  bool nameIsPlain(uint32_t mi) const { return plainName_[mi] != 0; }
+  // firstByName(mi) when a C string can name message mi (its name holds no zero byte),
+  // else UINT32_MAX.
+  uint32_t nameHint(uint32_t mi) const { return nameHint_[mi]; }
 
  private:
   std::vector<SignalPlan> plans_;
   std::vector<uint32_t> first_;  // message -> its first plan; one more entry ends the last
   std::vector<uint32_t> firstByName_;
-  std::vector<uint8_t> plainName_;
+  std::vector<uint32_t> nameHint_;
 };
 
 }  // namespace veltrix::dbc

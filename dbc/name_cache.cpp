@@ -20,13 +20,6 @@ uint32_t NameCache::message(const DBC_Decoder& db, const char* name) {
   return mi;
 }
 
-void NameCache::received(const DBC_Decoder& db, uint32_t mi) {
-  const CodecPlan& plan = db.plan();
-  // Only a first message of its name can be remembered: it is what a name finds.
-  const uint32_t first = mi < plan.messageCount() ? plan.firstByName(mi) : kNone;
-  if (first < plan.messageCount() && plan.nameIsPlain(first)) received_ = first;
-}
-
 bool NameCache::signalAt(const DBC_Decoder& db, uint32_t mi, uint32_t si, uint32_t first,
                          const char* name, NameHit* out) {
   const CodecPlan& plan = db.plan();

@@ -33,8 +33,11 @@ class NameCache {
   uint32_t message(const DBC_Decoder& db, const char* name);
   // The signal `signal` as the first message called `message` that holds it has it.
   bool signal(const DBC_Decoder& db, const char* message, const char* signal, NameHit* out);
-  // A frame was just taken into message mi: its signals are likely to be read next.
-  void received(const DBC_Decoder& db, uint32_t mi);
+  // A frame was just taken into a message whose name hint (CodecPlan::nameHint) is given:
+  // its signals are likely to be read next.
+  void received(uint32_t hint) {
+    if (hint != kNone) received_ = hint;
+  }
   // Forgets everything; the database's records or indexes changed.
   void reset() { *this = NameCache(); }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "veltrix/dbc.h"
 
@@ -25,26 +26,6 @@ int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_
     }
   }
   return DBC_OK;
-}
-
-bool planned(const DBC_Decoder& db, uint32_t mi) {
-  const CodecPlan& plan = db.plan();
-  return mi < plan.messageCount() && plan.signalCount(mi) == db.messages()[mi].signals.size();
-}
-
-void decode_signals(DBC_Decoder& db, uint32_t mi, const PaddedImage& image) {
-  DBC_MESSAGE& m = db.messages()[mi];
-  DBC_SIGNAL* s = m.signals.data();
-  const size_t n = m.signals.size();
-  if (planned(db, mi)) {
-    const SignalPlan* p = db.plan().signals(mi);
-    for (size_t i = 0; i < n; ++i) s[i].rawValue = p[i].read(image, s[i]);
-    return;
-  }
-  for (size_t i = 0; i < n; ++i) {
-    s[i].rawValue = DBC_Decoder::arrayValueToRaw(s[i].startBit, uint8_t(s[i].length), image.image(),
-                                                 ByteOrder(s[i].byteOrder));
-  }
 }
 
 void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image) {
@@ -76,30 +57,62 @@ void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image) {
   }
 }
 
-uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f) {
-  constexpr size_t kCanBytes = sizeof f.Data;
+namespace {
+
+// The bytes of a frame for message mi: kept as its data, then every signal decoded.
+void take(DBC_Decoder& db, uint32_t mi, const uint8_t* data, size_t n, ValuesOut out) {
+  DBC_MESSAGE& m = db.messages()[mi];
+  PaddedImage image;
+  image.load(data, n);
+  std::memcpy(m.data, data, n);
+  DBC_SIGNAL* s = m.signals.data();
+  const size_t count = m.signals.size();
+  const size_t fill = out.values ? std::min(out.count, count) : 0;
+  // The selection comes from the stored data, as the name-based readers take it.
+  const uint32_t sw = db.muxSwitch(mi);
+  const bool has_switch = sw != DBC_Decoder::kNone;
+  uint64_t selected = 0;
+  if (fill && has_switch) {
+    selected = DBC_Decoder::arrayValueToRaw(s[sw].startBit, uint8_t(s[sw].length), m.data,
+                                            ByteOrder(s[sw].byteOrder));
+  }
+  constexpr double kAbsent = std::numeric_limits<double>::quiet_NaN();
+  if (planned(db, mi)) {
+    db.nameCache().received(db.plan().nameHint(mi));
+    const SignalPlan* p = db.plan().signals(mi);
+    size_t i = 0;
+    for (; i < fill; ++i) {
+      const uint64_t raw = p[i].read(image, s[i]);
+      s[i].rawValue = raw;
+      // raw is within the length mask, so the plan's conversion is the general one.
+      out.values[i] = p[i].shown(has_switch, selected) ? p[i].value(raw) : kAbsent;
+    }
+    for (; i < count; ++i) s[i].rawValue = p[i].read(image, s[i]);
+    return;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    s[i].rawValue = DBC_Decoder::arrayValueToRaw(s[i].startBit, uint8_t(s[i].length), image.image(),
+                                                 ByteOrder(s[i].byteOrder));
+  }
+  for (size_t i = 0; i < fill; ++i) {
+    const bool shown = mux_shown(s[i].multiplexMode, s[i].multiplexValue, has_switch, selected);
+    out.values[i] = shown ? DBC_Decoder::getSignalRealValue(&s[i]) : kAbsent;
+  }
+}
+
+}  // namespace
+
+uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f, ValuesOut out) {
   const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
   const uint32_t mi = db.findMessageById(key);
-  if (mi == DBC_Decoder::kNone) return mi;
-  DBC_MESSAGE& m = db.messages()[mi];
   // Bytes 8..63 of the stored data keep what they held; the decode reads zeros there.
-  PaddedImage image;
-  image.load(f.Data, kCanBytes);
-  std::memcpy(m.data, f.Data, kCanBytes);
-  decode_signals(db, mi, image);
-  db.nameCache().received(db, mi);
+  if (mi != DBC_Decoder::kNone) take(db, mi, f.Data, sizeof f.Data, out);
   return mi;
 }
 
-uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f) {
+uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f, ValuesOut out) {
   const uint32_t mi = db.findMessageById(f.ID);  // bit 31 already marks extended ids
-  if (mi == DBC_Decoder::kNone) return mi;
-  DBC_MESSAGE& m = db.messages()[mi];
-  PaddedImage image;
-  image.load(f.Data, kDataBytes);
-  std::memcpy(m.data, f.Data, kDataBytes);
-  decode_signals(db, mi, image);
-  db.nameCache().received(db, mi);
+  if (mi != DBC_Decoder::kNone) take(db, mi, f.Data, kDataBytes, out);
   return mi;
 }
 

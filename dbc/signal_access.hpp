@@ -17,22 +17,30 @@ int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_
 
 // Whether message mi's signals are all in the database's plan (records changed without
 // rebuildIndexes() are not, and go through the general codec).
-bool planned(const DBC_Decoder& db, uint32_t mi);
-
-// Stores every signal's raw value of message mi as it stands in the image.
-void decode_signals(DBC_Decoder& db, uint32_t mi, const PaddedImage& image);
+inline bool planned(const DBC_Decoder& db, uint32_t mi) {
+  const CodecPlan& plan = db.plan();
+  return mi < plan.messageCount() && plan.signalCount(mi) == db.messages()[mi].signals.size();
+}
 
 // Writes message mi's current signal values into a cleared image. With a switch, a
 // multiplexed signal is written only when the switch holds its multiplex value; without
 // one every signal is written. Later signals overwrite earlier ones where bits overlap.
 void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image);
 
+// Where a frame decode also hands out physical values: the first `count` signals' values
+// (file order), NaN for a multiplexed signal the message's stored switch does not select.
+struct ValuesOut {
+  double* values = nullptr;
+  size_t count = 0;
+};
+
 // A received frame: finds the message of its identifier, keeps the bytes as the message's
 // last received data and stores every signal's raw value. A classic frame carries 8 bytes
 // (DataLen is not consulted; the rest of the image reads zeros), a CAN FD frame 64.
-// Returns the message index, or DBC_Decoder::kNone when no message has the identifier.
-uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f);
-uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f);
+// Returns the message index, or DBC_Decoder::kNone when no message has the identifier
+// (nothing is written then).
+uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f, ValuesOut out = {});
+uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f, ValuesOut out = {});
 
 // The classic frame of message mi from its current signal values: Data filled, FrameFlags
 // 0, ID and ExtFlag from the message id, DataLen the file's length, at most 8.

@@ -137,7 +137,9 @@ TEST_P(DbcDifferential, DecodingByNameByIndexAndInOneCallMatchesTheGeneralCodec)
         double by_name = -1;
         ASSERT_EQ(DBC_GetSignalValue(h, m.name.c_str(), s.name.c_str(), &by_name), want_rc)
             << where;
-        if (shown) EXPECT_EQ(bits(by_name), bits(want)) << where;
+        if (shown) {
+          EXPECT_EQ(bits(by_name), bits(want)) << where;
+        }
         ++compared;
       }
     }

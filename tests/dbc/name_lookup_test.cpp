@@ -69,13 +69,17 @@ TEST(DbcNameLookup, RewrittenBuffersDuplicatesAndNearMissesReadWhatTheNamesSay) 
   // previous name.
   char message[16], signal[16];
   for (const Case& c : cases) {
-    if (c.take >= 0) ASSERT_EQ(DBC_SyncCANMsgToValue(h, &frames[c.take], 1), DBC_OK);
+    if (c.take >= 0) {
+      ASSERT_EQ(DBC_SyncCANMsgToValue(h, &frames[c.take], 1), DBC_OK);
+    }
     std::strcpy(message, c.message);
     std::strcpy(signal, c.signal);
     double v = -1;
     const std::string what = std::string(c.message) + "." + c.signal;
     ASSERT_EQ(DBC_GetSignalValue(h, message, signal, &v), c.rc) << what;
-    if (c.rc == DBC_OK) EXPECT_EQ(v, c.value) << what;
+    if (c.rc == DBC_OK) {
+      EXPECT_EQ(v, c.value) << what;
+    }
   }
   // Setting by name follows the same rules: Dup.X is the first X (bits 8..15).
   std::strcpy(message, "Dup");
