@@ -29,8 +29,10 @@ struct PaddedImage {
 
   uint8_t* image() { return bytes + kPad; }
   const uint8_t* image() const { return bytes + kPad; }
-  // Zeroed, then the first n bytes of the image copied from data (n <= kDataBytes).
-  void load(const uint8_t* data, size_t n) {
+  // Zeroed, then the first n bytes of the image copied from data.
+  template <size_t n>
+  void load(const uint8_t* data) {
+    static_assert(n <= kDataBytes);
     std::memset(bytes, 0, sizeof bytes);
     std::memcpy(image(), data, n);
   }

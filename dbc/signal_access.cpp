@@ -59,11 +59,13 @@ void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image) {
 
 namespace {
 
-// The bytes of a frame for message mi: kept as its data, then every signal decoded.
-void take(DBC_Decoder& db, uint32_t mi, const uint8_t* data, size_t n, ValuesOut out) {
+// The n bytes of a frame for message mi: kept as its data, then every signal decoded. n is
+// a constant so the copies compile to a few moves.
+template <size_t n>
+void take(DBC_Decoder& db, uint32_t mi, const uint8_t* data, ValuesOut out) {
   DBC_MESSAGE& m = db.messages()[mi];
   PaddedImage image;
-  image.load(data, n);
+  image.load<n>(data);
   std::memcpy(m.data, data, n);
   DBC_SIGNAL* s = m.signals.data();
   const size_t count = m.signals.size();
@@ -106,13 +108,13 @@ uint32_t take_can_frame(DBC_Decoder& db, const CAN_MSG& f, ValuesOut out) {
   const uint32_t key = (f.ID & 0x7FFFFFFFu) | (uint32_t(f.ExtFlag & 1u) << 31);
   const uint32_t mi = db.findMessageById(key);
   // Bytes 8..63 of the stored data keep what they held; the decode reads zeros there.
-  if (mi != DBC_Decoder::kNone) take(db, mi, f.Data, sizeof f.Data, out);
+  if (mi != DBC_Decoder::kNone) take<sizeof f.Data>(db, mi, f.Data, out);
   return mi;
 }
 
 uint32_t take_canfd_frame(DBC_Decoder& db, const CANFD_MSG& f, ValuesOut out) {
   const uint32_t mi = db.findMessageById(f.ID);  // bit 31 already marks extended ids
-  if (mi != DBC_Decoder::kNone) take(db, mi, f.Data, kDataBytes, out);
+  if (mi != DBC_Decoder::kNone) take<kDataBytes>(db, mi, f.Data, out);
   return mi;
 }
 
