@@ -79,9 +79,8 @@ VELTRIX_EXPORT(int, DBC_GetSignalValueByIndex,
                  if (int r = signal_at(DBCHandle, msgIndex, sigIndex, &db, &s); r != DBC_OK)
                    return r;
                  if (!pValue) return DBC_ERR_ARGUMENT;
-                 if (int r = check_multiplexer(*db, uint32_t(msgIndex), *s); r != DBC_OK) return r;
-                 *pValue = DBC_Decoder::getSignalRealValue(s);
-                 return DBC_OK;
+                 const uint32_t mi = uint32_t(msgIndex), si = uint32_t(sigIndex);
+                 return read_value(*db, mi, si, mi, plan_of(*db, mi, si), pValue);
                })
 
 VELTRIX_EXPORT(int, DBC_SetSignalValueByIndex,

@@ -52,17 +52,20 @@ SignalPlan plan_of(const DBC_SIGNAL& s) {
 void CodecPlan::build(const DBC_Decoder& db) {
   const auto& messages = db.messages();
   plans_.clear();
-  first_.assign(messages.size() + 1, 0);
-  firstByName_.assign(messages.size(), DBC_Decoder::kNone);
-  nameHint_.assign(messages.size(), DBC_Decoder::kNone);
+  messages_.clear();
+  messages_.reserve(messages.size());
   size_t total = 0;
   for (const DBC_MESSAGE& m : messages) total += m.signals.size();
   plans_.reserve(total);
   for (uint32_t mi = 0; mi < messages.size(); ++mi) {
     const DBC_MESSAGE& m = messages[mi];
-    first_[mi] = uint32_t(plans_.size());
-    firstByName_[mi] = db.findMessage(m.name);
-    if (plain_text(m.name)) nameHint_[mi] = firstByName_[mi];
+    MessagePlan mp{};
+    mp.first = uint32_t(plans_.size());
+    mp.count = uint32_t(m.signals.size());
+    mp.muxSwitch = db.muxSwitch(mi);
+    mp.firstByName = db.findMessage(m.name);
+    mp.nameHint = plain_text(m.name) ? mp.firstByName : DBC_Decoder::kNone;
+    messages_.push_back(mp);
     for (uint32_t si = 0; si < m.signals.size(); ++si) {
       SignalPlan p = plan_of(m.signals[si]);
       // A name with a zero byte inside can never be asked for through a C string, so only
@@ -76,7 +79,6 @@ void CodecPlan::build(const DBC_Decoder& db) {
       plans_.push_back(p);
     }
   }
-  first_[messages.size()] = uint32_t(plans_.size());
 }
 
 uint64_t SignalPlan::readGeneral(const PaddedImage& p, const DBC_SIGNAL& s) {

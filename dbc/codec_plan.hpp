@@ -123,27 +123,29 @@ struct SignalPlan {
 };
 static_assert(sizeof(SignalPlan) == 48, "plans stay a few dozen bytes per signal");
 
+struct MessagePlan {
+  uint32_t first;        // its first signal plan
+  uint32_t count;        // signals planned
+  uint32_t muxSwitch;    // its first multiplexer switch, or UINT32_MAX
+  uint32_t firstByName;  // the first message with the same name
+  uint32_t nameHint;     // firstByName when a C string can name it (no zero byte inside)
+};
+
 class CodecPlan {
  public:
   void build(const DBC_Decoder& db);
 
-  // Messages and signals planned; records added behind the plan's back are not in it, and
-  // callers check these counts before trusting a plan.
-  size_t messageCount() const { return firstByName_.size(); }
-  size_t signalCount(uint32_t mi) const { return first_[mi + 1] - first_[mi]; }
-  // The plans of message mi's signals, in file order.
-  const SignalPlan* signals(uint32_t mi) const { return plans_.data() + first_[mi]; }
-  // The first message with the same name as message mi.
-  uint32_t firstByName(uint32_t mi) const { return firstByName_[mi]; }
-  // firstByName(mi) when a C string can name message mi (its name holds no zero byte),
-  // else UINT32_MAX.
-  uint32_t nameHint(uint32_t mi) const { return nameHint_[mi]; }
+  // The plan of message mi, or nullptr for a message added behind the plan's back. Callers
+  // compare count with the message's signals before trusting the signal plans.
+  const MessagePlan* message(uint32_t mi) const {
+    return mi < messages_.size() ? &messages_[mi] : nullptr;
+  }
+  // The plans of a message's signals, in file order.
+  const SignalPlan* signals(const MessagePlan& m) const { return plans_.data() + m.first; }
 
  private:
   std::vector<SignalPlan> plans_;
-  std::vector<uint32_t> first_;  // message -> its first plan; one more entry ends the last
-  std::vector<uint32_t> firstByName_;
-  std::vector<uint32_t> nameHint_;
+  std::vector<MessagePlan> messages_;
 };
 
 }  // namespace veltrix::dbc

@@ -150,10 +150,7 @@ VELTRIX_EXPORT(int, DBC_GetSignalValue,
                  if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
                    return r;
                  if (!pValue) return DBC_ERR_ARGUMENT;
-                 DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-                 if (int r = check_multiplexer(*db, ref.firstByName, s); r != DBC_OK) return r;
-                 *pValue = DBC_Decoder::getSignalRealValue(&s);
-                 return DBC_OK;
+                 return read_value(*db, ref.message, ref.signal, ref.firstByName, ref.plan, pValue);
                })
 
 VELTRIX_EXPORT(int, DBC_GetSignalValueStr,

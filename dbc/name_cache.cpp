@@ -22,15 +22,15 @@ uint32_t NameCache::message(const DBC_Decoder& db, const char* name) {
 
 bool NameCache::signalAt(const DBC_Decoder& db, uint32_t mi, uint32_t si, uint32_t first,
                          const char* name, NameHit* out) {
-  const CodecPlan& plan = db.plan();
-  if (mi >= plan.messageCount() || si >= plan.signalCount(mi)) return false;
+  const MessagePlan* mp = db.plan().message(mi);
+  if (!mp || si >= mp->count || mp->firstByName != first) return false;
   // Only the signal that the (message name, signal name) pair finds may answer for it: a
   // later one of the same name, or one in a later message of the same name, must not.
-  if (!(plan.signals(mi)[si].flags & SignalPlan::kCanonical) || plan.firstByName(mi) != first)
-    return false;
+  const SignalPlan& plan = db.plan().signals(*mp)[si];
+  if (!(plan.flags & SignalPlan::kCanonical)) return false;
   const auto& signals = db.messages()[mi].signals;
-  if (si >= signals.size() || std::strcmp(signals[si].name.c_str(), name) != 0) return false;
-  *out = NameHit{mi, si, first};
+  if (mp->count != signals.size() || std::strcmp(signals[si].name.c_str(), name) != 0) return false;
+  *out = NameHit{mi, si, first, &plan};
   sigMessage_ = mi;
   signal_ = si;
   return true;
@@ -47,7 +47,10 @@ bool NameCache::signal(const DBC_Decoder& db, const char* message, const char* s
   if (signalAt(db, first, 0, first, signal, out)) return true;
   DBC_Decoder::SignalRef ref;
   if (!db.findSignal(db.messages()[first].name, signal, &ref)) return false;
-  *out = NameHit{ref.message, ref.signal, ref.firstByName};
+  const MessagePlan* mp = db.plan().message(ref.message);
+  const bool planned = mp && mp->count == db.messages()[ref.message].signals.size();
+  *out = NameHit{ref.message, ref.signal, ref.firstByName,
+                 planned ? &db.plan().signals(*mp)[ref.signal] : nullptr};
   sigMessage_ = ref.message;
   signal_ = ref.signal;
   return true;

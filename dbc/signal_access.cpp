@@ -11,6 +11,8 @@
 namespace veltrix::dbc {
 
 int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_SIGNAL& signal) {
+  // Plain signals and switches are always present: no need to decode the switch for them.
+  if (signal.multiplexMode == MUX_NONE || signal.multiplexMode == MUX_SWITCH) return DBC_OK;
   const DBC_MESSAGE& message = db.messages()[switch_message];
   const uint32_t sw = db.muxSwitch(switch_message);
   uint64_t selected = 0;
@@ -19,19 +21,21 @@ int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_
     selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), message.data,
                                             ByteOrder(s.byteOrder));
   }
-  if (signal.multiplexMode != MUX_NONE && signal.multiplexMode != MUX_SWITCH) {
-    if (!(sw != DBC_Decoder::kNone && signal.multiplexMode == MUX_SELECTED &&
-          signal.multiplexValue == selected)) {
-      return DBC_ERR_MUX_INACTIVE;
-    }
-  }
-  return DBC_OK;
+  const bool shown =
+      mux_shown(signal.multiplexMode, signal.multiplexValue, sw != DBC_Decoder::kNone, selected);
+  return shown ? DBC_OK : DBC_ERR_MUX_INACTIVE;
+}
+
+const SignalPlan* plan_of(const DBC_Decoder& db, uint32_t mi, uint32_t si) {
+  const MessagePlan* mp = planned(db, mi);
+  return mp ? &db.plan().signals(*mp)[si] : nullptr;
 }
 
 void encode_signals(const DBC_Decoder& db, uint32_t mi, PaddedImage* image) {
   const DBC_MESSAGE& m = db.messages()[mi];
   std::memset(image->bytes, 0, sizeof image->bytes);
-  const SignalPlan* p = planned(db, mi) ? db.plan().signals(mi) : nullptr;
+  const MessagePlan* mp = planned(db, mi);
+  const SignalPlan* p = mp ? db.plan().signals(*mp) : nullptr;
   auto put = [&](size_t i) {
     const DBC_SIGNAL& s = m.signals[i];
     if (p) {
@@ -79,9 +83,9 @@ void take(DBC_Decoder& db, uint32_t mi, const uint8_t* data, ValuesOut out) {
                                             ByteOrder(s[sw].byteOrder));
   }
   constexpr double kAbsent = std::numeric_limits<double>::quiet_NaN();
-  if (planned(db, mi)) {
-    db.nameCache().received(db.plan().nameHint(mi));
-    const SignalPlan* p = db.plan().signals(mi);
+  if (const MessagePlan* mp = planned(db, mi)) {
+    db.nameCache().received(mp->nameHint);
+    const SignalPlan* p = db.plan().signals(*mp);
     size_t i = 0;
     for (; i < fill; ++i) {
       const uint64_t raw = p[i].read(image, s[i]);

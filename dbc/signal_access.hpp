@@ -7,6 +7,7 @@
 #include "dbc/decoder.hpp"
 #include "veltrix/can.h"
 #include "veltrix/canfd.h"
+#include "veltrix/dbc.h"
 
 namespace veltrix::dbc {
 
@@ -15,11 +16,32 @@ namespace veltrix::dbc {
 // i.e. from the last frame received for it.
 int check_multiplexer(const DBC_Decoder& db, uint32_t switch_message, const DBC_SIGNAL& signal);
 
-// Whether message mi's signals are all in the database's plan (records changed without
+// The physical value of signal si of message mi into *value, as check_multiplexer and
+// DBC_Decoder::getSignalRealValue give it (including its storing back of a raw value masked
+// to the length): DBC_OK, or DBC_ERR_MUX_INACTIVE with *value untouched. plan is the
+// signal's plan, or nullptr to use the general codec.
+inline int read_value(DBC_Decoder& db, uint32_t mi, uint32_t si, uint32_t switch_message,
+                      const SignalPlan* plan, double* value) {
+  DBC_SIGNAL& s = db.messages()[mi].signals[si];
+  const bool always = plan && (plan->mux == MUX_NONE || plan->mux == MUX_SWITCH);
+  if (!always) {
+    if (int r = check_multiplexer(db, switch_message, s); r != DBC_OK) return r;
+  }
+  // Within the bits a frame yields nothing is masked away and the plan's conversion is the
+  // general one; a larger raw value (set, not received) takes the general path.
+  *value = plan && s.rawValue <= plan->mask ? plan->value(s.rawValue)
+                                            : DBC_Decoder::getSignalRealValue(&s);
+  return DBC_OK;
+}
+
+// Signal si's plan when message mi is planned, else nullptr.
+const SignalPlan* plan_of(const DBC_Decoder& db, uint32_t mi, uint32_t si);
+
+// Message mi's plan when all its signals are in it, else nullptr (records changed without
 // rebuildIndexes() are not, and go through the general codec).
-inline bool planned(const DBC_Decoder& db, uint32_t mi) {
-  const CodecPlan& plan = db.plan();
-  return mi < plan.messageCount() && plan.signalCount(mi) == db.messages()[mi].signals.size();
+inline const MessagePlan* planned(const DBC_Decoder& db, uint32_t mi) {
+  const MessagePlan* p = db.plan().message(mi);
+  return p && p->count == db.messages()[mi].signals.size() ? p : nullptr;
 }
 
 // Writes message mi's current signal values into a cleared image. With a switch, a
