@@ -69,9 +69,12 @@ struct SignalPlan {
   // The raw value held by a padded image, as DBC_Decoder::arrayValueToRaw reads it from
   // the image; `s` is the signal the plan was built from.
   uint64_t read(const PaddedImage& p, const DBC_SIGNAL& s) const {
-    if (layout == kIntel) return (wire::get_le64(p.image() + byte) >> shift) & mask;
-    if (layout == kMotorola) return (wire::get_be64(p.image() + byte - 7) >> shift) & mask;
-    return readGeneral(p, s);
+    if (layout == kGeneral) [[unlikely]]
+      return readGeneral(p, s);
+    // Both orders load the same 8-byte window; Motorola's is taken big-endian.
+    const uint64_t window = wire::get_le64(p.image() + byte - (layout == kMotorola ? 7 : 0));
+    const uint64_t w = layout == kMotorola ? __builtin_bswap64(window) : window;
+    return (w >> shift) & mask;
   }
 
   // Writes raw into a padded image as DBC_Decoder::rawValueToArray writes it into the
@@ -91,6 +94,10 @@ struct SignalPlan {
   // The physical value of a raw value that read() returned, bit for bit what
   // DBC_Decoder::getSignalRealValue gives for it.
   double value(uint64_t raw) const {
+    if (conversion == kScale) [[likely]] {
+      if (raw & sign) return double(int64_t(raw | extend)) * factor + offset;
+      return double(raw) * factor + offset;
+    }
     switch (conversion) {
       case kFloat32: {
         float f;
@@ -103,17 +110,16 @@ struct SignalPlan {
         std::memcpy(&d, &raw, sizeof d);
         return d;
       }
-      case kZero:
-        return 0.0;
       default:
-        if (raw & sign) return double(int64_t(raw | extend)) * factor + offset;
-        return double(raw) * factor + offset;
+        return 0.0;
     }
   }
 
   // Whether a switch holding `selected` shows this signal (with `has_switch` false only
   // plain signals and switches are shown).
   bool shown(bool has_switch, uint64_t selected) const {
+    if (mux == MUX_NONE) [[likely]]
+      return true;
     return mux_shown(mux, muxValue, has_switch, selected);
   }
 
