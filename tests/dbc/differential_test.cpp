@@ -21,20 +21,47 @@ namespace {
 
 struct File {
   const char* name;
-  bool corpus;  // from the sample files outside the repository
+  bool corpus;                 // from the sample files outside the repository
+  const char* text = nullptr;  // written to a temporary file instead
 };
 
+// Layouts at the edges of the 64-byte image and of the 8-byte load window: bits beyond the
+// image, starts beyond it, 64-bit signals off a byte boundary, lengths of 0, above 64 and
+// above 255, floats, and a switch beyond the 8 bytes of a classic frame.
+const char kEdges[] =
+    "BO_ 300 Edge: 64 N\n"
+    " SG_ TailIntel : 500|16@1+ (1,0) [0|0] \"\" N\n"
+    " SG_ HeadMoto : 3|20@0- (0.5,1) [0|0] \"\" N\n"
+    " SG_ Wide : 3|64@1- (1,0) [0|0] \"\" N\n"
+    " SG_ WideMoto : 12|64@0+ (1,0) [0|0] \"\" N\n"
+    " SG_ Beyond : 520|8@1+ (1,0) [0|0] \"\" N\n"
+    " SG_ BeyondMoto : 519|8@0+ (1,0) [0|0] \"\" N\n"
+    " SG_ Zero : 7|0@0+ (1,0) [0|0] \"\" N\n"
+    " SG_ Long : 8|100@1+ (1,0) [0|0] \"\" N\n"
+    " SG_ Huge : 16|300@1- (1,0) [0|0] \"\" N\n"
+    " SG_ F32 : 32|32@1- (1,0) [-1e30|1e30] \"\" N\n"
+    " SG_ F64 : 128|64@1- (1,0) [-1e300|1e300] \"\" N\n"
+    " SG_ Moto64 : 7|64@0+ (1,0) [0|0] \"\" N\n"
+    "BO_ 301 Classic: 8 N\n"
+    " SG_ Bit63 : 63|1@1+ (1,0) [0|1] \"\" N\n"
+    " SG_ MotoLow : 0|16@0+ (1,0) [0|0] \"\" N\n"
+    " SG_ Neg : 40|12@1- (0.25,-3) [-600|600] \"\" N\n"
+    "BO_ 302 MuxFar: 16 N\n"
+    " SG_ Sel M : 72|4@1+ (1,0) [0|15] \"\" N\n"
+    " SG_ A m0 : 0|8@1+ (1,0) [0|255] \"\" N\n"
+    " SG_ B m1 : 0|8@1+ (1,0) [0|255] \"\" N\n"
+    " SG_ C m2 : 8|8@1- (1,0) [-128|127] \"\" N\n"
+    "BO_ 303 Apart: 64 N\n"
+    " SG_ WideApart : 203|64@1- (1,0) [0|0] \"\" N\n"
+    " SG_ WideMotoApart : 395|64@0+ (1,0) [0|0] \"\" N\n"
+    "SIG_VALTYPE_ 300 F32 : 1;\n"
+    "SIG_VALTYPE_ 300 F64 : 2;\n";
+
 const File kFiles[] = {
-    {"body_gateway.dbc", false},
-    {"abs.dbc", true},
-    {"floating_point.dbc", true},
-    {"foobar.dbc", true},
-    {"gwm_haval_h6_phev_2024.dbc", true},
-    {"motohawk.dbc", true},
-    {"multiplex_2.dbc", true},
-    {"signed.dbc", true},
-    {"tesla_can.dbc", true},
-    {"vw_mlb.dbc", true},
+    {"edges", false, kEdges},     {"body_gateway.dbc", false}, {"abs.dbc", true},
+    {"floating_point.dbc", true}, {"foobar.dbc", true},        {"gwm_haval_h6_phev_2024.dbc", true},
+    {"motohawk.dbc", true},       {"multiplex_2.dbc", true},   {"signed.dbc", true},
+    {"tesla_can.dbc", true},      {"vw_mlb.dbc", true},
 };
 
 void PrintTo(const File& f, std::ostream* os) { *os << f.name; }
@@ -47,7 +74,8 @@ class DbcDifferential : public ::testing::TestWithParam<File> {
     const File f = GetParam();
     if (f.corpus && !std::filesystem::is_directory(VELTRIX_CORPUS_DIR))
       GTEST_SKIP() << "sample files not found at " << VELTRIX_CORPUS_DIR;
-    path_ = f.corpus ? test::corpus(f.name) : test::fixture(f.name);
+    if (f.text) temp_ = std::make_unique<test::TempFile>(f.text);
+    path_ = f.text ? temp_->path() : f.corpus ? test::corpus(f.name) : test::fixture(f.name);
     ref_ = DBC_Decoder::load(path_, nullptr);
     ASSERT_TRUE(ref_);
     rng_.seed(veltrix::test::test_seed(f.name));
@@ -62,6 +90,7 @@ class DbcDifferential : public ::testing::TestWithParam<File> {
     return DBC_GetSignalIndex(h, int(mi), ref_->messages()[mi].signals[si].name.c_str()) == int(si);
   }
 
+  std::unique_ptr<test::TempFile> temp_;
   std::string path_;
   std::unique_ptr<DBC_Decoder> ref_;  // the general codec's view of the same file
   std::mt19937_64 rng_;
