@@ -242,6 +242,49 @@ TEST_P(DbcDifferential, EncodingByNameAndByIndexBuildsTheGeneralCodecsFrame) {
   DBC_Release(by_index);
 }
 
+// Scaling rounds half away from zero, as round() does, right up to the magnitudes where
+// every double is an integer; signed and unsigned signals alike.
+TEST(DbcRounding, SettingRoundsAsRoundDoes) {
+  std::vector<double> xs = {0.5,
+                            -0.5,
+                            1.5,
+                            -1.5,
+                            2.5,
+                            -2.5,
+                            0.49999999999999994,
+                            -0.49999999999999994,
+                            4503599627370495.5,
+                            -4503599627370495.5,
+                            4503599627370496.0,
+                            -4503599627370497.0,
+                            1e15 + 0.5,
+                            -0.0,
+                            0.0,
+                            3.4999999999999996,
+                            -1e300,
+                            1e300};
+  std::mt19937_64 rng(veltrix::test::test_seed("rounding"));
+  for (int i = 0; i < 2000; ++i) {
+    const int exponent = int(rng() % 60) - 8;
+    xs.push_back(std::ldexp(double(rng() % 4096) / 8.0, exponent) * (rng() % 2 ? 1 : -1));
+  }
+  for (uint32_t is_signed : {0u, 1u}) {
+    DBC_SIGNAL s;
+    s.length = 64;
+    s.isSigned = is_signed;
+    s.factor = 1;
+    s.minimum = -1e308;
+    s.maximum = 1e308;
+    for (double x : xs) {
+      DBC_Decoder::setSignalRealValue(&s, x);
+      const double r = std::round(x);
+      if (std::fabs(r) < 9.2e18) {
+        EXPECT_EQ(s.rawValue, uint64_t(int64_t(r))) << x << (is_signed ? " signed" : "");
+      }
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Files, DbcDifferential, ::testing::ValuesIn(kFiles),
                          [](const ::testing::TestParamInfo<File>& i) {
                            std::string n = i.param.name;
