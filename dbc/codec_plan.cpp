@@ -65,9 +65,12 @@ void CodecPlan::build(const DBC_Decoder& db) {
     mp.muxSwitch = db.muxSwitch(mi);
     mp.firstByName = db.findMessage(m.name);
     mp.nameHint = plain_text(m.name) ? mp.firstByName : DBC_Decoder::kNone;
-    messages_.push_back(mp);
+    mp.plain = true;
     for (uint32_t si = 0; si < m.signals.size(); ++si) {
       SignalPlan p = plan_of(m.signals[si]);
+      mp.plain = mp.plain && p.layout != SignalPlan::kGeneral &&
+                 p.conversion == SignalPlan::kScale && p.sign == 0 && !(p.mask >> 63) &&
+                 (p.mux == MUX_NONE || p.mux == MUX_SWITCH);
       // A name with a zero byte inside can never be asked for through a C string, so only
       // names without one are offered to the lookup cache.
       DBC_Decoder::SignalRef ref;
@@ -78,6 +81,7 @@ void CodecPlan::build(const DBC_Decoder& db) {
       }
       plans_.push_back(p);
     }
+    messages_.push_back(mp);
   }
 }
 

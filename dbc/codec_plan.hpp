@@ -68,13 +68,18 @@ struct SignalPlan {
 
   // The raw value held by a padded image, as DBC_Decoder::arrayValueToRaw reads it from
   // the image; `s` is the signal the plan was built from.
+  // read() for a signal whose layout is kIntel or kMotorola.
+  uint64_t readWindow(const PaddedImage& p) const {
+    const uint64_t window = wire::get_le64(p.image() + byte - (layout == kMotorola ? 7 : 0));
+    const uint64_t w = layout == kMotorola ? __builtin_bswap64(window) : window;
+    return (w >> shift) & mask;
+  }
+
   uint64_t read(const PaddedImage& p, const DBC_SIGNAL& s) const {
     if (layout == kGeneral) [[unlikely]]
       return readGeneral(p, s);
     // Both orders load the same 8-byte window; Motorola's is taken big-endian.
-    const uint64_t window = wire::get_le64(p.image() + byte - (layout == kMotorola ? 7 : 0));
-    const uint64_t w = layout == kMotorola ? __builtin_bswap64(window) : window;
-    return (w >> shift) & mask;
+    return readWindow(p);
   }
 
   // Writes raw into a padded image as DBC_Decoder::rawValueToArray writes it into the
@@ -135,6 +140,10 @@ struct MessagePlan {
   uint32_t muxSwitch;    // its first multiplexer switch, or UINT32_MAX
   uint32_t firstByName;  // the first message with the same name
   uint32_t nameHint;     // firstByName when a C string can name it (no zero byte inside)
+  // Every signal is read through the window, always present (no multiplexed signals) and an
+  // unsigned integer below 2^63 scaled to its value: the common message, decoded without
+  // asking each signal how.
+  bool plain;
 };
 
 class CodecPlan {

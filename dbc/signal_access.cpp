@@ -87,6 +87,16 @@ void take(DBC_Decoder& db, uint32_t mi, const uint8_t* data, ValuesOut out) {
     db.nameCache().received(mp->nameHint);
     const SignalPlan* p = db.plan().signals(*mp);
     size_t i = 0;
+    if (mp->plain) {
+      for (; i < fill; ++i) {
+        const uint64_t raw = p[i].readWindow(image);
+        s[i].rawValue = raw;
+        // Below 2^63 the signed conversion gives the same double, without a test.
+        out.values[i] = double(int64_t(raw)) * p[i].factor + p[i].offset;
+      }
+      for (; i < count; ++i) s[i].rawValue = p[i].readWindow(image);
+      return;
+    }
     for (; i < fill; ++i) {
       const uint64_t raw = p[i].read(image, s[i]);
       s[i].rawValue = raw;
