@@ -1,11 +1,10 @@
 // Reading signals by name answers what the names say, whatever was read before: the same
-// buffers rewritten between calls, duplicated signal and message names, names that are a
-// prefix or an extension of a known one, and two databases used from two threads.
+// buffers rewritten between calls, duplicated signal and message names, and names that are
+// a prefix or an extension of a known one.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "dbc_test_util.hpp"
 #include "veltrix/dbc.h"
@@ -90,36 +89,6 @@ TEST(DbcNameLookup, RewrittenBuffersDuplicatesAndNearMissesReadWhatTheNamesSay) 
   EXPECT_EQ(out.Data[1], 0x5A);
   EXPECT_EQ(out.Data[3], 4);
   DBC_Release(h);
-}
-
-// Each thread owns its database; the layouts differ so that positions learnt in one are
-// wrong in the other.
-TEST(DbcNameLookup, TwoDatabasesOnTwoThreadsDoNotInterfere) {
-  test::TempFile a(
-      "BO_ 7 M: 8 N\n SG_ P : 0|8@1+ (1,0) [0|255] \"\" N\n"
-      " SG_ Q : 8|8@1+ (1,0) [0|255] \"\" N\n");
-  test::TempFile b(
-      "BO_ 7 M: 8 N\n SG_ Q : 0|8@1+ (1,0) [0|255] \"\" N\n"
-      " SG_ P : 8|8@1+ (1,0) [0|255] \"\" N\n");
-  // p_byte: the byte P sits in; Q sits in the other one.
-  auto run = [](const char* path, int p_byte, int* wrong) {
-    const long long h = DBC_LoadFile(path);
-    if (!h) return void(++*wrong);
-    for (int i = 0; i < 20000; ++i) {
-      const CAN_MSG f = frame(7, {uint8_t(i), uint8_t(i >> 8)});
-      double p = -1, q = -1;
-      if (DBC_SyncCANMsgToValue(h, &f, 1) != DBC_OK || DBC_GetSignalValue(h, "M", "P", &p) ||
-          DBC_GetSignalValue(h, "M", "Q", &q) || p != f.Data[p_byte] || q != f.Data[1 - p_byte])
-        ++*wrong;
-    }
-    DBC_Release(h);
-  };
-  int wrong_a = 0, wrong_b = 0;
-  std::thread ta(run, a.path(), 0, &wrong_a), tb(run, b.path(), 1, &wrong_b);
-  ta.join();
-  tb.join();
-  EXPECT_EQ(wrong_a, 0);
-  EXPECT_EQ(wrong_b, 0);
 }
 
 }  // namespace
