@@ -22,9 +22,9 @@ class DBC_Decoder;
 struct SignalPlan;
 
 struct NameHit {
-  uint32_t message;      // message holding the signal
-  uint32_t signal;       // index within that message
-  uint32_t firstByName;  // first message of the requested name
+  uint32_t message;        // message holding the signal
+  uint32_t signal;         // index within that message
+  uint32_t firstByName;    // first message of the requested name
   const SignalPlan* plan;  // the signal's plan, or nullptr when its message is not planned
 };
 
