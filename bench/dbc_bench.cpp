@@ -21,6 +21,7 @@ const std::string kFile = std::string(VELTRIX_CORPUS_DIR) + "/dbc/vw_mlb.dbc";
 struct Message {
   std::string name;
   uint32_t id;
+  int index;  // its position in the file
   std::vector<std::string> signals;
   std::vector<double> values;  // inside each signal's range
 };
@@ -33,7 +34,7 @@ std::vector<Message> catalogue() {
   for (uint32_t i = 0; i < db->messages().size(); ++i) {
     const auto& m = db->messages()[i];
     if (db->findMessageById(m.id) != i || db->findMessage(m.name) != i) continue;
-    Message c{m.name, m.id, {}, {}};
+    Message c{m.name, m.id, int(i), {}, {}};
     for (const auto& s : m.signals) {
       c.signals.push_back(s.name);
       c.values.push_back((s.minimum + s.maximum) / 2);
@@ -157,6 +158,38 @@ void BM_DecodeFramesBulk(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeFramesBulk);
 
+// The same sum through DBC_SyncCANMsgToValue and DBC_GetSignalValueByIndex.
+double decode_by_index(long long h, const Rx& r) {
+  double sum = 0;
+  if (DBC_SyncCANMsgToValue(h, &r.frame, 1) != 0) return std::nan("");
+  for (int s = 0; s < int(r.message->signals.size()); ++s) {
+    double v;
+    const int rc = DBC_GetSignalValueByIndex(h, r.message->index, s, &v);
+    if (rc == 0)
+      sum += v;
+    else if (rc != DBC_ERR_MUX_INACTIVE)
+      return std::nan("");
+  }
+  return sum;
+}
+
+void BM_DecodeFramesByIndex(benchmark::State& state) {
+  const std::vector<Message> msgs = catalogue();
+  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  const std::vector<Rx> frames = random_frames(msgs);
+  const std::vector<double> expected = expected_sums(h, frames);
+  size_t i = 0, wrong = 0;
+  for (auto _ : state) {
+    const size_t k = i++ & 8191;
+    if (decode_by_index(h, frames[k]) != expected[k]) ++wrong;
+  }
+  veltrix::bench::check(wrong == 0, "index reads match the name-based values");
+  state.SetItemsProcessed(int64_t(state.iterations()));
+  DBC_Release(h);
+}
+BENCHMARK(BM_DecodeFramesByIndex);
+
 void BM_EncodeMessages(benchmark::State& state) {
   const std::vector<Message> msgs = catalogue();
   long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
@@ -182,5 +215,38 @@ void BM_EncodeMessages(benchmark::State& state) {
   DBC_Release(h);
 }
 BENCHMARK(BM_EncodeMessages);
+
+// The same frames through DBC_SetSignalValueByIndex and DBC_EncodeCANMsgByIndex, checked
+// against the name-based encodes made before timing.
+void BM_EncodeMessagesByIndex(benchmark::State& state) {
+  const std::vector<Message> msgs = catalogue();
+  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
+  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
+  std::vector<CAN_MSG> expected(msgs.size());
+  for (size_t k = 0; k < msgs.size(); ++k) {
+    int failed = 0;
+    for (size_t s = 0; s < msgs[k].signals.size(); ++s)
+      failed |= DBC_SetSignalValue(h, msgs[k].name.c_str(), msgs[k].signals[s].c_str(),
+                                   msgs[k].values[s]);
+    failed |= DBC_SyncValueToCANMsg(h, msgs[k].name.c_str(), &expected[k]);
+    veltrix::bench::check(failed == 0, "encoding by name before timing");
+  }
+  auto encode = [&](const Message& m, CAN_MSG* frame) {
+    int failed = 0;
+    for (size_t s = 0; s < m.values.size(); ++s)
+      failed |= DBC_SetSignalValueByIndex(h, m.index, int(s), m.values[s]);
+    return failed | DBC_EncodeCANMsgByIndex(h, m.index, frame);
+  };
+  size_t i = 0, wrong = 0;
+  CAN_MSG frame{};
+  for (auto _ : state) {
+    const size_t k = i++ % msgs.size();
+    if (encode(msgs[k], &frame) != 0 || std::memcmp(frame.Data, expected[k].Data, 8) != 0) ++wrong;
+  }
+  veltrix::bench::check(wrong == 0, "index encodes match the name-based frames");
+  state.SetItemsProcessed(int64_t(state.iterations()));
+  DBC_Release(h);
+}
+BENCHMARK(BM_EncodeMessagesByIndex);
 
 }  // namespace

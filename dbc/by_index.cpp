@@ -29,30 +29,9 @@ int signal_at(long long handle, int msg, int sig, DBC_Decoder** db, DBC_SIGNAL**
   return DBC_OK;
 }
 
-// Writes the physical value of every signal of message mi, as its last frame left it, in
-// file order into values (at most capacity of them); a multiplexed signal that the frame's
-// switch does not select reads as NaN. Returns the message's signal count.
-int values_of(DBC_Decoder& db, uint32_t mi, double* values, int capacity) {
-  DBC_MESSAGE& m = db.messages()[mi];
-  const size_t n = m.signals.size();
-  const size_t fill = values ? std::min(n, size_t(std::max(capacity, 0))) : 0;
-  // The selection is read once per frame, from the stored data as the name-based readers
-  // read it for every signal.
-  const uint32_t sw = db.muxSwitch(mi);
-  uint64_t selected = 0;
-  if (sw != DBC_Decoder::kNone) {
-    const DBC_SIGNAL& s = m.signals[sw];
-    selected = DBC_Decoder::arrayValueToRaw(s.startBit, uint8_t(s.length), m.data,
-                                            ByteOrder(s.byteOrder));
-  }
-  for (size_t i = 0; i < fill; ++i) {
-    DBC_SIGNAL& s = m.signals[i];
-    const bool shown = s.multiplexMode == MUX_NONE || s.multiplexMode == MUX_SWITCH ||
-                       (sw != DBC_Decoder::kNone && s.multiplexMode == MUX_SELECTED &&
-                        s.multiplexValue == selected);
-    values[i] = shown ? DBC_Decoder::getSignalRealValue(&s) : std::nan("");
-  }
-  return int(std::min<size_t>(n, INT_MAX));
+// The signal count of message mi, as the one-call decodes return it.
+int signal_count(const DBC_Decoder& db, uint32_t mi) {
+  return int(std::min<size_t>(db.messages()[mi].signals.size(), INT_MAX));
 }
 
 }  // namespace
@@ -100,9 +79,8 @@ VELTRIX_EXPORT(int, DBC_GetSignalValueByIndex,
                  if (int r = signal_at(DBCHandle, msgIndex, sigIndex, &db, &s); r != DBC_OK)
                    return r;
                  if (!pValue) return DBC_ERR_ARGUMENT;
-                 if (int r = check_multiplexer(*db, uint32_t(msgIndex), *s); r != DBC_OK) return r;
-                 *pValue = DBC_Decoder::getSignalRealValue(s);
-                 return DBC_OK;
+                 const uint32_t mi = uint32_t(msgIndex), si = uint32_t(sigIndex);
+                 return read_value(*db, mi, si, mi, plan_of(*db, mi, si), pValue);
                })
 
 VELTRIX_EXPORT(int, DBC_SetSignalValueByIndex,
@@ -128,10 +106,11 @@ VELTRIX_EXPORT(int, DBC_DecodeCANMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pCANMsg || (!pValues && capacity > 0)) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = take_can_frame(*db, *pCANMsg);
+                 const ValuesOut out{pValues, size_t(std::max(capacity, 0))};
+                 const uint32_t mi = take_can_frame(*db, *pCANMsg, out);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  if (pMsgIndex) *pMsgIndex = int(mi);
-                 return values_of(*db, mi, pValues, capacity);
+                 return signal_count(*db, mi);
                })
 
 VELTRIX_EXPORT(int, DBC_DecodeCANFDMsg,
@@ -141,10 +120,11 @@ VELTRIX_EXPORT(int, DBC_DecodeCANFDMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pCANFDMsg || (!pValues && capacity > 0)) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = take_canfd_frame(*db, *pCANFDMsg);
+                 const ValuesOut out{pValues, size_t(std::max(capacity, 0))};
+                 const uint32_t mi = take_canfd_frame(*db, *pCANFDMsg, out);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  if (pMsgIndex) *pMsgIndex = int(mi);
-                 return values_of(*db, mi, pValues, capacity);
+                 return signal_count(*db, mi);
                })
 
 VELTRIX_EXPORT(int, DBC_EncodeCANMsgByIndex, (long long DBCHandle, int msgIndex, CAN_MSG* pCANMsg),

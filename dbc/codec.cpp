@@ -29,6 +29,22 @@ inline float float_from(double v) {
   return float(v);
 }
 
+// round(x) as an integer when |x| < 2^52, without a library call: x - trunc(x) is exact in
+// that range, so comparing it with one half rounds halfway cases away from zero exactly as
+// round() does. Larger magnitudes, infinities and NaN return false.
+inline bool round_small(double x, int64_t* out) {
+  if (!(std::fabs(x) < 4503599627370496.0)) return false;
+  int64_t t = int64_t(x);
+  const double frac = x - double(t);
+  if (frac >= 0.5) {
+    ++t;
+  } else if (frac <= -0.5) {
+    --t;
+  }
+  *out = t;
+  return true;
+}
+
 inline uint64_t bits_from(uint64_t raw, unsigned i) { return i < 64 ? raw >> i : 0; }
 
 inline uint8_t byte_at(const uint8_t* data, long k) {
@@ -113,13 +129,17 @@ uint64_t DBC_Decoder::arrayValueToRaw(uint16_t startBit, uint8_t length, const u
 int DBC_Decoder::setSignalRealValue(DBC_SIGNAL* signal, double value) {
   if (value > signal->maximum) value = signal->maximum;
   if (value < signal->minimum) value = signal->minimum;
-  const double scaled = std::round((value - signal->offset) / signal->factor);
+  const double scaled = (value - signal->offset) / signal->factor;
+  int64_t small;
   if (!signal->isSigned) {
     // The value type is not consulted here: an unsigned float signal is encoded as an
     // integer.
-    signal->rawValue = saturate_to_u64(scaled);
+    signal->rawValue =
+        round_small(scaled, &small) ? uint64_t(small) : saturate_to_u64(std::round(scaled));
   } else if (signal->valueType == VALUE_INTEGER) {
-    signal->rawValue = uint64_t(saturate_to_i64(scaled)) & GetDataMask(signal->length);
+    const int64_t rounded =
+        round_small(scaled, &small) ? small : saturate_to_i64(std::round(scaled));
+    signal->rawValue = uint64_t(rounded) & GetDataMask(signal->length);
   } else if (signal->valueType == VALUE_FLOAT32) {
     signal->rawValue = std::bit_cast<uint32_t>(float_from(value));
   } else if (signal->valueType == VALUE_FLOAT64) {

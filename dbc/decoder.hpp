@@ -16,7 +16,9 @@
 #include <utility>
 #include <vector>
 
+#include "dbc/codec_plan.hpp"
 #include "dbc/model.hpp"
+#include "dbc/name_cache.hpp"
 #include "dbc/name_index.hpp"
 
 namespace veltrix::dbc {
@@ -110,6 +112,12 @@ class DBC_Decoder {
   // The attribute as its object holds it: the definition with the assigned value.
   DBC_ATTRIBUTE attributeCopy(const DBC_ATTRIBUTE_VALUE& assigned) const;
 
+  // Decode/encode plans and the name-lookup cache of the exported functions, rebuilt with
+  // the indexes: call rebuildIndexes() after changing a signal's layout, scaling, value
+  // type or multiplexing through a pointer.
+  const CodecPlan& plan() const { return plan_; }
+  NameCache& nameCache() { return nameCache_; }
+
   void rebuildIndexes();
 
  private:
@@ -163,6 +171,8 @@ class DBC_Decoder {
   std::vector<SignalRef> signalRefs_;
   IdIndex byId_;
   std::vector<uint32_t> switchOf_;
+  CodecPlan plan_;
+  NameCache nameCache_;
 
   ParseFault fault_;
   size_t lineNo_ = 0;

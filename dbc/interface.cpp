@@ -30,12 +30,16 @@ void copy_out(const std::string& text, char* out) {
 
 // Finds the signal; DBC_OK and *out set, or an error code.
 int find_signal(long long handle, const char* msg, const char* sig, DBC_Decoder** db,
-                DBC_Decoder::SignalRef* ref) {
+                NameHit* ref) {
   *db = database_of(handle);
   if (!*db) return DBC_ERR_HANDLE;
   if (!msg || !sig) return DBC_ERR_ARGUMENT;
-  if (!(*db)->findSignal(msg, sig, ref)) return DBC_ERR_NOT_FOUND;
+  if (!(*db)->nameCache().signal(**db, msg, sig, ref)) return DBC_ERR_NOT_FOUND;
   return DBC_OK;
+}
+
+uint32_t find_message(DBC_Decoder& db, const char* name) {
+  return db.nameCache().message(db, name);
 }
 
 }  // namespace
@@ -87,7 +91,7 @@ VELTRIX_EXPORT(int, DBC_GetMsgSignalQuantity, (long long DBCHandle, const char* 
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pMsgName) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = db->findMessage(pMsgName);
+                 const uint32_t mi = find_message(*db, pMsgName);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  return int(std::min<size_t>(db->messages()[mi].signals.size(), INT_MAX));
                })
@@ -113,7 +117,7 @@ VELTRIX_EXPORT(int, DBC_GetMsgPublisher,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pMsgName || !pPublisher) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = db->findMessage(pMsgName);
+                 const uint32_t mi = find_message(*db, pMsgName);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  copy_out(db->messages()[mi].sender, pPublisher);
                  return DBC_OK;
@@ -123,7 +127,7 @@ VELTRIX_EXPORT(int, DBC_SetSignalValue,
                (long long DBCHandle, const char* pMsgName, const char* pSignalName, double value),
                DBC_ERR_HANDLE, {
                  DBC_Decoder* db;
-                 DBC_Decoder::SignalRef ref;
+                 NameHit ref;
                  if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
                    return r;
                  DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
@@ -142,14 +146,11 @@ VELTRIX_EXPORT(int, DBC_GetSignalValue,
                (long long DBCHandle, const char* pMsgName, const char* pSignalName, double* pValue),
                DBC_ERR_HANDLE, {
                  DBC_Decoder* db;
-                 DBC_Decoder::SignalRef ref;
+                 NameHit ref;
                  if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
                    return r;
                  if (!pValue) return DBC_ERR_ARGUMENT;
-                 DBC_SIGNAL& s = db->messages()[ref.message].signals[ref.signal];
-                 if (int r = check_multiplexer(*db, ref.firstByName, s); r != DBC_OK) return r;
-                 *pValue = DBC_Decoder::getSignalRealValue(&s);
-                 return DBC_OK;
+                 return read_value(*db, ref.message, ref.signal, ref.firstByName, ref.plan, pValue);
                })
 
 VELTRIX_EXPORT(int, DBC_GetSignalValueStr,
@@ -157,7 +158,7 @@ VELTRIX_EXPORT(int, DBC_GetSignalValueStr,
                 char* pValueStr),
                DBC_ERR_HANDLE, {
                  DBC_Decoder* db;
-                 DBC_Decoder::SignalRef ref;
+                 NameHit ref;
                  if (int r = find_signal(DBCHandle, pMsgName, pSignalName, &db, &ref); r != DBC_OK)
                    return r;
                  if (!pValueStr) return DBC_ERR_ARGUMENT;
@@ -205,7 +206,7 @@ VELTRIX_EXPORT(int, DBC_SyncValueToCANMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pMsgName || !pCANMsg) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = db->findMessage(pMsgName);
+                 const uint32_t mi = find_message(*db, pMsgName);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
                  build_can_msg(*db, mi, pCANMsg);
                  return DBC_OK;
@@ -216,9 +217,11 @@ VELTRIX_EXPORT(int, DBC_SyncValueToCANFDMsg,
                  DBC_Decoder* db = database_of(DBCHandle);
                  if (!db) return DBC_ERR_HANDLE;
                  if (!pMsgName || !pCANFDMsg) return DBC_ERR_ARGUMENT;
-                 const uint32_t mi = db->findMessage(pMsgName);
+                 const uint32_t mi = find_message(*db, pMsgName);
                  if (mi == DBC_Decoder::kNone) return DBC_ERR_NOT_FOUND;
-                 encode_signals(*db, mi, pCANFDMsg->Data);
+                 PaddedImage image;
+                 encode_signals(*db, mi, &image);
+                 std::memcpy(pCANFDMsg->Data, image.image(), kDataBytes);
                  const DBC_MESSAGE& m = db->messages()[mi];
                  pCANFDMsg->ID = m.id;
                  pCANFDMsg->DLC = m.dlc;  // the file's number as written, no length-code conversion

@@ -33,6 +33,8 @@ void DBC_Decoder::rebuildIndexes() {
       }
     }
   }
+  plan_.build(*this);
+  nameCache_.reset();
 }
 
 bool DBC_Decoder::findSignal(std::string_view messageName, std::string_view signalName,

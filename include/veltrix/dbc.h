@@ -9,7 +9,11 @@
  * different databases are independent.
  *
  * Names are compared exactly (case-sensitive). Where several messages share a name, the
- * first one in file order that satisfies the request is used.
+ * first one in file order that satisfies the request is used. A database remembers where
+ * the last name-based call and the last received frame led, so reading a message's signals
+ * one after the other costs no hashing; the answer is always the one a full lookup of the
+ * names as they read now would give, whatever buffer they are passed in. No call
+ * allocates after loading.
  *
  * Output strings: the interface has no size argument, so names and texts are copied with
  * their full length plus the terminating zero. The caller provides room for the longest
