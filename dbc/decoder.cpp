@@ -388,9 +388,9 @@ void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAG
   if (!s.name.empty()) message->signals.push_back(std::move(s));
 }
 
-std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text) {
-  std::map<int32_t, std::string> table;
-  std::string joined;  // a number written with spaces inside, which are skipped
+ValueTable DBC_Decoder::getValueTable(std::string_view text) {
+  std::vector<std::pair<int32_t, std::string_view>> assigned;
+  std::vector<std::string> joined;  // numbers written with spaces inside, which are skipped
   size_t i = 0;
   while (i < text.size()) {
     const size_t open = text.find('"', i);
@@ -402,17 +402,16 @@ std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text)
                  ? std::string_view()
                  : number.substr(from, number.find_last_not_of(' ') - from + 1);
     if (contains(number, ' ')) {
-      joined.clear();
-      append_without(joined, number, ' ');
-      number = joined;
+      append_without(joined.emplace_back(), number, ' ');
+      number = joined.back();
     }
     const size_t close = text.find('"', open + 1);
     if (close == std::string_view::npos) break;  // an unterminated pair is dropped
-    table.insert_or_assign(int32_t(read_unsigned_auto(number)),
-                           std::string(text.substr(open + 1, close - open - 1)));
+    assigned.emplace_back(int32_t(read_unsigned_auto(number)),
+                          text.substr(open + 1, close - open - 1));
     i = close + 1;
   }
-  return table;
+  return ValueTable(std::move(assigned));
 }
 
 bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
@@ -439,7 +438,7 @@ void DBC_Decoder::handleValueTable(const Tokens& tokens, Scratch& scratch) {
   const uint32_t id = read_id(tokens[1]);
   const std::string_view name = tokens[2];
   DBC_SIGNAL* previous = nullptr;  // the table is parsed once and moved into the last one
-  std::map<int32_t, std::string> table;
+  ValueTable table;
   const auto [first, last] = messagesWithId(id, scratch);
   for (auto at = first; at != last; ++at) {
     DBC_SIGNAL* s = first_signal(messages_[at->second], name);

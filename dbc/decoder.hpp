@@ -64,7 +64,7 @@ class DBC_Decoder {
   DBC_MESSAGE getMessageValues(std::vector<std::string> tokens);
   DBC_SIGNAL getSignalValues(std::vector<std::string> tokens);
   void appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message);
-  static std::map<int32_t, std::string> getValueTable(std::string_view text);
+  static ValueTable getValueTable(std::string_view text);
 
   // Lookups: exact, case-sensitive names; the first match in file order wins; 1 when
   // found, 0 otherwise (output untouched). A pointer result stays valid until the database

@@ -2,9 +2,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
+
+#include "dbc/value_table.hpp"
 
 namespace veltrix::dbc {
 
@@ -66,7 +67,7 @@ struct DBC_SIGNAL {
   uint16_t multiplexValue = 0;
   std::vector<std::string> receivers;
   std::string comment;
-  std::map<int32_t, std::string> valueTable;
+  ValueTable valueTable;
   uint64_t rawValue = 0;  // current unscaled value, read and written by the codec
   std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
 };

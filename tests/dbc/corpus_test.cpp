@@ -66,7 +66,8 @@ TEST_F(DbcCorpus, MotorolaSignedSignalOfACrlfFile) {
   EXPECT_EQ(t.unit, "degK");
   EXPECT_EQ(t.receivers, (std::vector<std::string>{"PCM1", "FOO"}));
   const std::map<int32_t, std::string> enable{{0, "Disabled"}, {1, "Enabled"}};
-  EXPECT_EQ(sig(*db, "ExampleMessage", "Enable").valueTable, enable);  // CRLF line
+  // CRLF line
+  EXPECT_EQ(test::entries_of(sig(*db, "ExampleMessage", "Enable").valueTable), enable);
 }
 
 TEST_F(DbcCorpus, FrameFormatAttributesOfFoobar) {

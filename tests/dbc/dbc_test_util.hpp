@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -15,6 +16,14 @@ namespace veltrix::dbc::test {
 
 // Device handle whose registry position the registry reports without a scan.
 constexpr int kDirectDevice = int(0xFF000000u);
+
+// A value table's entries in key order, as a map to compare against.
+inline std::map<int32_t, std::string> entries_of(const ValueTable& table) {
+  std::map<int32_t, std::string> out;
+  for (size_t i = 0; i < table.size(); ++i) out.emplace(table[i].key, std::string(table[i].text));
+  EXPECT_EQ(out.size(), table.size()) << "each key once";
+  return out;
+}
 
 // DBC files written for these tests, kept beside them.
 inline std::string fixture(const std::string& name) {

@@ -95,7 +95,7 @@ TEST_F(DbcFixtureFile, FloatsMultiplexersAndValueTables) {
   EXPECT_EQ(sig("DCU_Sensors", "Sens_SubA").isSigned, 1u);
   EXPECT_EQ(sig("DCU_Sensors", "Sens_Double").multiplexMode, MUX_NONE);
   const std::map<int32_t, std::string> modes{{0, "Off"}, {1, "Standby"}, {2, "Run"}, {7, "Fault"}};
-  EXPECT_EQ(sig("GW_Status", "GW_Mode").valueTable, modes);
+  EXPECT_EQ(test::entries_of(sig("GW_Status", "GW_Mode").valueTable), modes);
   EXPECT_EQ(sig("BCM_Lamps", "Lamp_Left").valueTable.at(2), "blink");
 }
 
