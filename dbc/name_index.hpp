@@ -33,32 +33,37 @@ class NameIndex {
   // in file order win. Returns whether value was stored.
   template <class Same>
   bool insert_first(uint64_t h, uint32_t value, const Same& same) {
+    const uint32_t tag = tag_of(h);
     for (size_t i = h & mask_;; i = (i + 1) & mask_) {
       Slot& s = slots_[i];
       if (s.value == kMissing) {
-        s = Slot{h, value};
+        s = Slot{tag, value};
         return true;
       }
-      if (s.hash == h && same(s.value)) return false;
+      if (s.tag == tag && same(s.value)) return false;
     }
   }
 
   template <class Same>
   uint32_t find(uint64_t h, const Same& same) const {
     if (slots_.empty()) return kMissing;
+    const uint32_t tag = tag_of(h);
     for (size_t i = h & mask_;; i = (i + 1) & mask_) {
       const Slot& s = slots_[i];
       if (s.value == kMissing) return kMissing;
-      if (s.hash == h && same(s.value)) return s.value;
+      if (s.tag == tag && same(s.value)) return s.value;
     }
   }
 
  private:
-  // Slots stay small so the probed table fits in cache.
+  // Slots stay small so the probed table fits in cache. The low bits of a hash choose the
+  // slot and the high half is kept to skip most keys that merely share a slot; equal tags
+  // still go to `same`, so a shortened hash costs a comparison, never a wrong answer.
   struct Slot {
-    uint64_t hash = 0;
+    uint32_t tag = 0;
     uint32_t value = kMissing;
   };
+  static uint32_t tag_of(uint64_t h) { return uint32_t(h >> 32); }
 
   static uint64_t mix(uint64_t h, uint64_t w) {
     h = (h ^ w) * 0x9E3779B97F4A7C15ull;
