@@ -378,8 +378,7 @@ void DBC_Decoder::parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out)
   }
 
   split_pieces(tokens.back(), ',', parts);
-  s.receivers.reserve(parts.size());
-  for (std::string_view r : parts) s.receivers.emplace_back(r);
+  s.receivers = NameList(parts);
 }
 
 void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message) {

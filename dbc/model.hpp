@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "dbc/name_list.hpp"
 #include "dbc/value_table.hpp"
 
 namespace veltrix::dbc {
@@ -65,7 +66,7 @@ struct DBC_SIGNAL {
   std::string unit;
   uint32_t multiplexMode = MUX_NONE;
   uint16_t multiplexValue = 0;
-  std::vector<std::string> receivers;
+  NameList receivers;
   std::string comment;
   ValueTable valueTable;
   uint64_t rawValue = 0;  // current unscaled value, read and written by the codec

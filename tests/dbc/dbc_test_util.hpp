@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "dbc/decoder.hpp"
 
@@ -22,6 +23,13 @@ inline std::map<int32_t, std::string> entries_of(const ValueTable& table) {
   std::map<int32_t, std::string> out;
   for (size_t i = 0; i < table.size(); ++i) out.emplace(table[i].key, std::string(table[i].text));
   EXPECT_EQ(out.size(), table.size()) << "each key once";
+  return out;
+}
+
+// A name list as strings, to compare against.
+inline std::vector<std::string> names_of(const NameList& names) {
+  std::vector<std::string> out;
+  for (size_t i = 0; i < names.size(); ++i) out.emplace_back(names[i]);
   return out;
 }
 

@@ -53,7 +53,7 @@ TEST_F(DbcFixtureFile, MessagesSignalsAndComments) {
   EXPECT_EQ(volt.factor, 0.01);
   EXPECT_EQ(volt.maximum, 40.95);
   EXPECT_EQ(volt.unit, "V");
-  EXPECT_EQ(volt.receivers, (std::vector<std::string>{"BCM", "DCU", "ICM"}));
+  EXPECT_EQ(test::names_of(volt.receivers), (std::vector<std::string>{"BCM", "DCU", "ICM"}));
   EXPECT_EQ(volt.comment, "Supply voltage");  // a comment keeps the part on its first line
   EXPECT_EQ(msg(1020).sender, "DIAG");
 }

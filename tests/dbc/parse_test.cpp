@@ -50,7 +50,7 @@ TEST(DbcParse, LineEndingsAreNeverPartOfTokens) {
   auto crlf = parse("BO_ 1 M: 8 N\r\n SG_ S : 0|8@1+ (1,0) [0|0] \"u\" A,B\r\n");
   for (auto* db : {lf.get(), crlf.get()}) {
     EXPECT_EQ(db->messages()[0].sender, "N");
-    EXPECT_EQ(signal_of(*db, 0, 0).receivers, (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(test::names_of(signal_of(*db, 0, 0).receivers), (std::vector<std::string>{"A", "B"}));
   }
 }
 
@@ -75,7 +75,7 @@ TEST(DbcParse, SignedIntelSignalWithSpacedUnitAndEmptyRange) {
   const DBC_SIGNAL& s = signal_of(*db, 0, 0);
   EXPECT_EQ(s.name, "Speed");
   EXPECT_EQ(s.unit, "km h");
-  EXPECT_EQ(s.receivers, (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(test::names_of(s.receivers), (std::vector<std::string>{"A", "B"}));
   EXPECT_EQ(s.isSigned, 1u);
   EXPECT_EQ(s.factor, 0.5);
   EXPECT_EQ(s.offset, -10.0);

@@ -1,9 +1,10 @@
-// Value tables as the reader builds them from a "VAL_" line's text, and as copies keep them.
+// Value tables and receiver lists as the reader builds them, and as copies keep them.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "dbc_test_util.hpp"
 
@@ -62,6 +63,45 @@ INSTANTIATE_TEST_SUITE_P(
         if (ch == ' ') ch = '_';
       return name;
     });
+
+}  // namespace
+}  // namespace veltrix::dbc
+
+namespace veltrix::dbc {
+namespace {
+
+// Receivers are the last token of a signal line split at commas, each piece kept as written.
+TEST(DbcReceivers, PiecesOfTheLastTokenSurviveCopiesAndUpdates) {
+  struct Case {
+    const char* token;
+    std::vector<std::string> names;
+  };
+  const Case cases[] = {
+      {"A,B", {"A", "B"}},
+      {"A,,B", {"A", "", "B"}},
+      {"A,", {"A"}},
+      {",A", {"", "A"}},
+      {"Node_Name_Longer_Than_Sixteen,Y", {"Node_Name_Longer_Than_Sixteen", "Y"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.token);
+    auto db = test::parse(std::string("BO_ 1 M: 8 N\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" ") + c.token +
+                          "\n");
+    ASSERT_EQ(db->messages().size(), 1u);
+    ASSERT_EQ(db->messages()[0].signals.size(), 1u);
+    const NameList& parsed = db->messages()[0].signals[0].receivers;
+    EXPECT_EQ(test::names_of(parsed), c.names);
+    for (size_t i = 0; i < parsed.size(); ++i) EXPECT_EQ(parsed[i].data()[parsed[i].size()], '\0');
+
+    DBC_SIGNAL copy;
+    ASSERT_EQ(db->getSignal("M", "S", &copy), 1);
+    EXPECT_TRUE(copy.receivers == parsed);
+    copy.receivers = NameList({"Z"});
+    ASSERT_EQ(db->updateSignal("M", "S", &copy), 1);
+    EXPECT_EQ(test::names_of(db->messages()[0].signals[0].receivers),
+              (std::vector<std::string>{"Z"}));
+  }
+}
 
 }  // namespace
 }  // namespace veltrix::dbc
