@@ -389,7 +389,7 @@ void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAG
 
 ValueTable DBC_Decoder::getValueTable(std::string_view text) {
   std::vector<std::pair<int32_t, std::string_view>> assigned;
-  std::vector<std::string> joined;  // numbers written with spaces inside, which are skipped
+  std::string joined;  // a number written with spaces inside, which are skipped
   size_t i = 0;
   while (i < text.size()) {
     const size_t open = text.find('"', i);
@@ -401,8 +401,9 @@ ValueTable DBC_Decoder::getValueTable(std::string_view text) {
                  ? std::string_view()
                  : number.substr(from, number.find_last_not_of(' ') - from + 1);
     if (contains(number, ' ')) {
-      append_without(joined.emplace_back(), number, ' ');
-      number = joined.back();
+      joined.clear();
+      append_without(joined, number, ' ');
+      number = joined;
     }
     const size_t close = text.find('"', open + 1);
     if (close == std::string_view::npos) break;  // an unterminated pair is dropped
