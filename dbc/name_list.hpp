@@ -18,7 +18,7 @@ class NameList {
   size_t size() const { return block_.size(); }
   // Name i in file order; i below size(). data() is zero-terminated.
   std::string_view operator[](size_t i) const { return block_.text(i); }
-  std::string_view front() const { return block_.text(0); }
+  std::string_view front() const { return block_.text(0); }  // a non-empty list only
 
   friend bool operator==(const NameList& a, const NameList& b) { return a.block_ == b.block_; }
 
