@@ -39,7 +39,6 @@ SignalPlan plan_of(const DBC_SIGNAL& s) {
     } else if (s.length > 0) {
       const unsigned top = s.length >= 64 ? 63u : unsigned(s.length) - 1u;
       p.sign = uint64_t(1) << top;
-      p.extend = ~DBC_Decoder::GetDataMask(s.length);
     }
   }
   p.mux = uint8_t(s.multiplexMode <= MUX_SWITCH ? s.multiplexMode : kUnknownMux);

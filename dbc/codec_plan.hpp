@@ -55,7 +55,6 @@ struct SignalPlan {
 
   uint64_t mask;    // the bits a frame yields: the low (length mod 256) bits
   uint64_t sign;    // a signed integer's top bit; 0 when no sign extension applies
-  uint64_t extend;  // bits set above the top bit when the sign bit is set
   double factor;
   double offset;
   uint8_t byte;   // byte of the start bit (Intel/Motorola layouts: below kDataBytes)
@@ -100,7 +99,8 @@ struct SignalPlan {
   // DBC_Decoder::getSignalRealValue gives for it.
   double value(uint64_t raw) const {
     if (conversion == kScale) [[likely]] {
-      if (raw & sign) return double(int64_t(raw | extend)) * factor + offset;
+      // A negative value gets every bit above its top bit set (none for a top bit of 63).
+      if (raw & sign) return double(int64_t(raw | ~((sign << 1) - 1))) * factor + offset;
       return double(raw) * factor + offset;
     }
     switch (conversion) {
@@ -132,7 +132,7 @@ struct SignalPlan {
   static uint64_t readGeneral(const PaddedImage& p, const DBC_SIGNAL& s);
   static void writeGeneral(PaddedImage& p, const DBC_SIGNAL& s, uint64_t raw);
 };
-static_assert(sizeof(SignalPlan) == 48, "plans stay a few dozen bytes per signal");
+static_assert(sizeof(SignalPlan) == 40, "plans stay a few dozen bytes per signal");
 
 struct MessagePlan {
   uint32_t first;        // its first signal plan

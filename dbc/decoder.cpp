@@ -378,8 +378,7 @@ void DBC_Decoder::parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out)
   }
 
   split_pieces(tokens.back(), ',', parts);
-  s.receivers.reserve(parts.size());
-  for (std::string_view r : parts) s.receivers.emplace_back(r);
+  s.receivers = NameList(parts);
 }
 
 void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message) {
@@ -388,8 +387,8 @@ void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAG
   if (!s.name.empty()) message->signals.push_back(std::move(s));
 }
 
-std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text) {
-  std::map<int32_t, std::string> table;
+ValueTable DBC_Decoder::getValueTable(std::string_view text) {
+  std::vector<std::pair<int32_t, std::string_view>> assigned;
   std::string joined;  // a number written with spaces inside, which are skipped
   size_t i = 0;
   while (i < text.size()) {
@@ -408,11 +407,11 @@ std::map<int32_t, std::string> DBC_Decoder::getValueTable(std::string_view text)
     }
     const size_t close = text.find('"', open + 1);
     if (close == std::string_view::npos) break;  // an unterminated pair is dropped
-    table.insert_or_assign(int32_t(read_unsigned_auto(number)),
-                           std::string(text.substr(open + 1, close - open - 1)));
+    assigned.emplace_back(int32_t(read_unsigned_auto(number)),
+                          text.substr(open + 1, close - open - 1));
     i = close + 1;
   }
-  return table;
+  return ValueTable(std::move(assigned));
 }
 
 bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
@@ -439,7 +438,7 @@ void DBC_Decoder::handleValueTable(const Tokens& tokens, Scratch& scratch) {
   const uint32_t id = read_id(tokens[1]);
   const std::string_view name = tokens[2];
   DBC_SIGNAL* previous = nullptr;  // the table is parsed once and moved into the last one
-  std::map<int32_t, std::string> table;
+  ValueTable table;
   const auto [first, last] = messagesWithId(id, scratch);
   for (auto at = first; at != last; ++at) {
     DBC_SIGNAL* s = first_signal(messages_[at->second], name);

@@ -64,7 +64,7 @@ class DBC_Decoder {
   DBC_MESSAGE getMessageValues(std::vector<std::string> tokens);
   DBC_SIGNAL getSignalValues(std::vector<std::string> tokens);
   void appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message);
-  static std::map<int32_t, std::string> getValueTable(std::string_view text);
+  static ValueTable getValueTable(std::string_view text);
 
   // Lookups: exact, case-sensitive names; the first match in file order wins; 1 when
   // found, 0 otherwise (output untouched). A pointer result stays valid until the database
@@ -97,7 +97,10 @@ class DBC_Decoder {
     uint32_t firstByName;  // first message of the requested name (may differ from message)
   };
   static constexpr uint32_t kNone = UINT32_MAX;
-  uint32_t findMessage(std::string_view name) const { return byName_.find(name); }
+  uint32_t findMessage(std::string_view name) const {
+    return byName_.find(NameIndex::hash_of(name),
+                        [&](uint32_t mi) { return messageNamed(mi, name); });
+  }
   uint32_t findMessageById(uint32_t id) const { return byId_.find(id); }
   bool findSignal(std::string_view messageName, std::string_view signalName, SignalRef* out) const;
   // Index of the message's first multiplexer switch, or kNone.
@@ -163,9 +166,18 @@ class DBC_Decoder {
   messagesWithId(uint32_t id, Scratch& scratch);
   uint32_t firstDefinition(std::string_view name) const;
 
+  // Whether the record a name-table value stands for still has the key looked up; the
+  // tables hold no names of their own (see NameIndex).
+  bool messageNamed(uint32_t mi, std::string_view name) const {
+    return mi < messages_.size() && messages_[mi].name == name;
+  }
+  bool signalNamed(uint32_t ref, std::string_view messageName, std::string_view signalName) const;
+
   std::vector<DBC_MESSAGE> messages_;
   std::vector<DBC_ATTRIBUTE> definitions_;
 
+  // The name tables read their keys from messages_, so every change of a name or of the
+  // message and signal lists is followed by rebuildIndexes().
   NameIndex byName_;
   NameIndex signalIndex_;  // (message name, signal name) -> position in signalRefs_
   std::vector<SignalRef> signalRefs_;

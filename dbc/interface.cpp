@@ -22,7 +22,7 @@ namespace {
 constexpr uint8_t kFlagCanFd = 0x01;
 constexpr uint8_t kFlagBitRateSwitch = 0x04;
 
-void copy_out(const std::string& text, char* out) {
+void copy_out(std::string_view text, char* out) {
   // The interface has no size argument: the caller sized the buffer for the full text.
   std::memcpy(out, text.data(), text.size());
   out[text.size()] = '\0';
@@ -172,9 +172,8 @@ VELTRIX_EXPORT(int, DBC_GetSignalValueStr,
                    return DBC_OK;
                  }
                  const int32_t key = saturate_to_i32(value);  // truncated towards zero
-                 auto it = s.valueTable.find(key);
-                 if (it != s.valueTable.end()) {
-                   copy_out(it->second, pValueStr);
+                 if (std::string_view text; s.valueTable.find(key, &text)) {
+                   copy_out(text, pValueStr);
                  } else {
                    std::snprintf(pValueStr, 12, "%d", key);  // at most "-2147483648"
                  }

@@ -18,28 +18,41 @@ void DBC_Decoder::rebuildIndexes() {
 
   for (uint32_t mi = 0; mi < count; ++mi) {
     const DBC_MESSAGE& m = messages_[mi];
-    byName_.insert_first(m.name, {}, mi);
+    const uint64_t nameHash = NameIndex::hash_of(m.name);
+    const auto sameMessage = [&](uint32_t other) { return messageNamed(other, m.name); };
+    byName_.insert_first(nameHash, mi, sameMessage);
     byId_.insert_first(m.id, mi);
-    const uint32_t firstByName = byName_.find(m.name);
+    const uint32_t firstByName = byName_.find(nameHash, sameMessage);
     for (uint32_t si = 0; si < m.signals.size(); ++si) {
       const DBC_SIGNAL& s = m.signals[si];
       if (switchOf_[mi] == kNone && s.multiplexMode == MUX_SWITCH) switchOf_[mi] = si;
       // Messages are visited in file order, so the first message of this name that holds
       // the signal claims the key.
-      const uint32_t before = signalIndex_.find(m.name, s.name);
-      if (before == NameIndex::kMissing) {
-        signalIndex_.insert_first(m.name, s.name, uint32_t(signalRefs_.size()));
-        signalRefs_.push_back(SignalRef{mi, si, firstByName});
-      }
+      const bool first = signalIndex_.insert_first(
+          NameIndex::hash_of(m.name, s.name), uint32_t(signalRefs_.size()),
+          [&](uint32_t ref) { return signalNamed(ref, m.name, s.name); });
+      if (first) signalRefs_.push_back(SignalRef{mi, si, firstByName});
     }
   }
   plan_.build(*this);
   nameCache_.reset();
 }
 
+bool DBC_Decoder::signalNamed(uint32_t ref, std::string_view messageName,
+                              std::string_view signalName) const {
+  if (ref >= signalRefs_.size()) return false;
+  const SignalRef& r = signalRefs_[ref];
+  if (r.message >= messages_.size()) return false;
+  const DBC_MESSAGE& m = messages_[r.message];
+  return r.signal < m.signals.size() && m.signals[r.signal].name == signalName &&
+         m.name == messageName;
+}
+
 bool DBC_Decoder::findSignal(std::string_view messageName, std::string_view signalName,
                              SignalRef* out) const {
-  const uint32_t at = signalIndex_.find(messageName, signalName);
+  const uint32_t at =
+      signalIndex_.find(NameIndex::hash_of(messageName, signalName),
+                        [&](uint32_t ref) { return signalNamed(ref, messageName, signalName); });
   if (at == NameIndex::kMissing) return false;
   *out = signalRefs_[at];
   return true;

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
+
+#include "dbc/name_list.hpp"
+#include "dbc/value_table.hpp"
 
 namespace veltrix::dbc {
 
@@ -64,9 +66,9 @@ struct DBC_SIGNAL {
   std::string unit;
   uint32_t multiplexMode = MUX_NONE;
   uint16_t multiplexValue = 0;
-  std::vector<std::string> receivers;
+  NameList receivers;
   std::string comment;
-  std::map<int32_t, std::string> valueTable;
+  ValueTable valueTable;
   uint64_t rawValue = 0;  // current unscaled value, read and written by the codec
   std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
 };

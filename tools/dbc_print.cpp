@@ -80,9 +80,8 @@ bool present(const Database& db, const DBC_MESSAGE& m, const DBC_SIGNAL& s, cons
 
 void print_signal_value(std::FILE* out, const DBC_SIGNAL& s, double value) {
   if (!s.valueTable.empty()) {
-    auto it = s.valueTable.find(dbc::saturate_to_i32(value));
-    if (it != s.valueTable.end()) {
-      std::fprintf(out, " %s=%s", s.name.c_str(), it->second.c_str());
+    if (std::string_view text; s.valueTable.find(dbc::saturate_to_i32(value), &text)) {
+      std::fprintf(out, " %s=%s", s.name.c_str(), text.data());
       return;
     }
   }

@@ -64,9 +64,10 @@ TEST_F(DbcCorpus, MotorolaSignedSignalOfACrlfFile) {
   EXPECT_EQ(t.offset, 250.0);
   EXPECT_EQ(t.minimum, 229.52);
   EXPECT_EQ(t.unit, "degK");
-  EXPECT_EQ(t.receivers, (std::vector<std::string>{"PCM1", "FOO"}));
+  EXPECT_EQ(test::names_of(t.receivers), (std::vector<std::string>{"PCM1", "FOO"}));
   const std::map<int32_t, std::string> enable{{0, "Disabled"}, {1, "Enabled"}};
-  EXPECT_EQ(sig(*db, "ExampleMessage", "Enable").valueTable, enable);  // CRLF line
+  // CRLF line
+  EXPECT_EQ(test::entries_of(sig(*db, "ExampleMessage", "Enable").valueTable), enable);
 }
 
 TEST_F(DbcCorpus, FrameFormatAttributesOfFoobar) {
@@ -99,7 +100,7 @@ TEST_F(DbcCorpus, FloatsMultiplexersAndExtendedIds) {
   auto tesla = load("tesla_can.dbc");
   const DBC_SIGNAL& idx = sig(*tesla, "UI_autopilotControl", "UI_autopilotControlIndex");
   EXPECT_EQ(idx.multiplexMode, MUX_SWITCH);
-  EXPECT_EQ(idx.receivers, (std::vector<std::string>{"APP", "APS"}));
+  EXPECT_EQ(test::names_of(idx.receivers), (std::vector<std::string>{"APP", "APS"}));
   EXPECT_EQ(sig(*tesla, "UI_autopilotControl", "UI_hovEnabled").multiplexMode, MUX_SELECTED);
 }
 

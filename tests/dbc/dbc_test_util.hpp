@@ -6,8 +6,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "dbc/decoder.hpp"
 
@@ -15,6 +17,21 @@ namespace veltrix::dbc::test {
 
 // Device handle whose registry position the registry reports without a scan.
 constexpr int kDirectDevice = int(0xFF000000u);
+
+// A value table's entries in key order, as a map to compare against.
+inline std::map<int32_t, std::string> entries_of(const ValueTable& table) {
+  std::map<int32_t, std::string> out;
+  for (size_t i = 0; i < table.size(); ++i) out.emplace(table[i].key, std::string(table[i].text));
+  EXPECT_EQ(out.size(), table.size()) << "each key once";
+  return out;
+}
+
+// A name list as strings, to compare against.
+inline std::vector<std::string> names_of(const NameList& names) {
+  std::vector<std::string> out;
+  for (size_t i = 0; i < names.size(); ++i) out.emplace_back(names[i]);
+  return out;
+}
 
 // DBC files written for these tests, kept beside them.
 inline std::string fixture(const std::string& name) {

@@ -53,7 +53,7 @@ TEST_F(DbcFixtureFile, MessagesSignalsAndComments) {
   EXPECT_EQ(volt.factor, 0.01);
   EXPECT_EQ(volt.maximum, 40.95);
   EXPECT_EQ(volt.unit, "V");
-  EXPECT_EQ(volt.receivers, (std::vector<std::string>{"BCM", "DCU", "ICM"}));
+  EXPECT_EQ(test::names_of(volt.receivers), (std::vector<std::string>{"BCM", "DCU", "ICM"}));
   EXPECT_EQ(volt.comment, "Supply voltage");  // a comment keeps the part on its first line
   EXPECT_EQ(msg(1020).sender, "DIAG");
 }
@@ -95,7 +95,7 @@ TEST_F(DbcFixtureFile, FloatsMultiplexersAndValueTables) {
   EXPECT_EQ(sig("DCU_Sensors", "Sens_SubA").isSigned, 1u);
   EXPECT_EQ(sig("DCU_Sensors", "Sens_Double").multiplexMode, MUX_NONE);
   const std::map<int32_t, std::string> modes{{0, "Off"}, {1, "Standby"}, {2, "Run"}, {7, "Fault"}};
-  EXPECT_EQ(sig("GW_Status", "GW_Mode").valueTable, modes);
+  EXPECT_EQ(test::entries_of(sig("GW_Status", "GW_Mode").valueTable), modes);
   EXPECT_EQ(sig("BCM_Lamps", "Lamp_Left").valueTable.at(2), "blink");
 }
 

@@ -50,7 +50,7 @@ TEST(DbcParse, LineEndingsAreNeverPartOfTokens) {
   auto crlf = parse("BO_ 1 M: 8 N\r\n SG_ S : 0|8@1+ (1,0) [0|0] \"u\" A,B\r\n");
   for (auto* db : {lf.get(), crlf.get()}) {
     EXPECT_EQ(db->messages()[0].sender, "N");
-    EXPECT_EQ(signal_of(*db, 0, 0).receivers, (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(test::names_of(signal_of(*db, 0, 0).receivers), (std::vector<std::string>{"A", "B"}));
   }
 }
 
@@ -75,7 +75,7 @@ TEST(DbcParse, SignedIntelSignalWithSpacedUnitAndEmptyRange) {
   const DBC_SIGNAL& s = signal_of(*db, 0, 0);
   EXPECT_EQ(s.name, "Speed");
   EXPECT_EQ(s.unit, "km h");
-  EXPECT_EQ(s.receivers, (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(test::names_of(s.receivers), (std::vector<std::string>{"A", "B"}));
   EXPECT_EQ(s.isSigned, 1u);
   EXPECT_EQ(s.factor, 0.5);
   EXPECT_EQ(s.offset, -10.0);
@@ -131,7 +131,7 @@ TEST(DbcParse, CommentsValueTablesAndValueTypes) {
   EXPECT_EQ(signal_of(*db, 2, 0).comment, "Shared text");  // every message with the id
   const std::map<int32_t, std::string> table{
       {-1, "Minus"}, {0, "Off"}, {1, "Enabled"}, {2, "Two words"}};
-  EXPECT_EQ(m.signals[0].valueTable, table);
+  EXPECT_EQ(test::entries_of(m.signals[0].valueTable), table);
   EXPECT_EQ(m.signals[1].valueType, uint32_t(VALUE_FLOAT32));
   EXPECT_EQ(m.signals[2].valueType, uint32_t(VALUE_INTEGER));
 }
@@ -277,6 +277,17 @@ TEST(DbcLookup, FirstMatchInFileOrderWins) {
   ASSERT_EQ(db->getSignal("Dup", "B", &b), 1);  // now the second B
   EXPECT_EQ(b, &db->messages()[1].signals[1]);
   EXPECT_EQ(db->getSignal("Dup", "C", &b), 1);
+
+  // Renaming a whole message: the old name now finds the next message of that name, the
+  // new name the renamed one, and its signals answer under the new name only.
+  DBC_MESSAGE first = db->messages()[0];
+  first.name = "Solo";
+  ASSERT_EQ(db->updateMessage("Dup", &first), 1);
+  EXPECT_EQ(db->findMessage("Dup"), 1u);
+  EXPECT_EQ(db->findMessage("Solo"), 0u);
+  EXPECT_EQ(db->getSignal("Dup", "A", &b), 0);
+  ASSERT_EQ(db->getSignal("Solo", "A", &b), 1);
+  EXPECT_EQ(b, &db->messages()[0].signals[0]);
 }
 
 }  // namespace
