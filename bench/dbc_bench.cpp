@@ -122,42 +122,6 @@ std::vector<double> expected_sums(long long h, const std::vector<Rx>& frames) {
   return expected;
 }
 
-void BM_DecodeFrames(benchmark::State& state) {
-  const std::vector<Message> msgs = catalogue();
-  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
-  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
-  const std::vector<Rx> frames = random_frames(msgs);
-  const std::vector<double> expected = expected_sums(h, frames);
-  size_t i = 0, wrong = 0;
-  for (auto _ : state) {
-    const size_t k = i++ & 8191;
-    if (decode_by_name(h, frames[k]) != expected[k]) ++wrong;
-  }
-  veltrix::bench::check(wrong == 0, "timed decodes match the values read before timing");
-  state.SetItemsProcessed(int64_t(state.iterations()));
-  DBC_Release(h);
-}
-BENCHMARK(BM_DecodeFrames);
-
-// Every signal of a frame in one call, by message index: no names on the hot path.
-void BM_DecodeFramesBulk(benchmark::State& state) {
-  const std::vector<Message> msgs = catalogue();
-  long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
-  veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
-  const std::vector<Rx> frames = random_frames(msgs);
-  const std::vector<double> expected = expected_sums(h, frames);
-  double values[256];
-  size_t i = 0, wrong = 0;
-  for (auto _ : state) {
-    const size_t k = i++ & 8191;
-    if (decode_bulk(h, frames[k], values, 256) != expected[k]) ++wrong;
-  }
-  veltrix::bench::check(wrong == 0, "one-call decodes match the name-based values");
-  state.SetItemsProcessed(int64_t(state.iterations()));
-  DBC_Release(h);
-}
-BENCHMARK(BM_DecodeFramesBulk);
-
 // The same sum through DBC_SyncCANMsgToValue and DBC_GetSignalValueByIndex.
 double decode_by_index(long long h, const Rx& r) {
   double sum = 0;
@@ -173,7 +137,10 @@ double decode_by_index(long long h, const Rx& r) {
   return sum;
 }
 
-void BM_DecodeFramesByIndex(benchmark::State& state) {
+// Times `decode` over the random frames; every timed result must equal the sum read
+// through the name-based calls before timing.
+template <typename Decode>
+void time_decodes(benchmark::State& state, const char* what, Decode decode) {
   const std::vector<Message> msgs = catalogue();
   long long h = DBC_ParserFile(kDirectDevice, kFile.c_str());
   veltrix::bench::check(h != 0 && !msgs.empty(), "parse of vw_mlb.dbc");
@@ -182,11 +149,28 @@ void BM_DecodeFramesByIndex(benchmark::State& state) {
   size_t i = 0, wrong = 0;
   for (auto _ : state) {
     const size_t k = i++ & 8191;
-    if (decode_by_index(h, frames[k]) != expected[k]) ++wrong;
+    if (decode(h, frames[k]) != expected[k]) ++wrong;
   }
-  veltrix::bench::check(wrong == 0, "index reads match the name-based values");
+  veltrix::bench::check(wrong == 0, what);
   state.SetItemsProcessed(int64_t(state.iterations()));
   DBC_Release(h);
+}
+
+void BM_DecodeFrames(benchmark::State& state) {
+  time_decodes(state, "timed decodes match the values read before timing", decode_by_name);
+}
+BENCHMARK(BM_DecodeFrames);
+
+// Every signal of a frame in one call, by message index: no names on the hot path.
+void BM_DecodeFramesBulk(benchmark::State& state) {
+  double values[256];
+  time_decodes(state, "one-call decodes match the name-based values",
+               [&values](long long h, const Rx& r) { return decode_bulk(h, r, values, 256); });
+}
+BENCHMARK(BM_DecodeFramesBulk);
+
+void BM_DecodeFramesByIndex(benchmark::State& state) {
+  time_decodes(state, "index reads match the name-based values", decode_by_index);
 }
 BENCHMARK(BM_DecodeFramesByIndex);
 
