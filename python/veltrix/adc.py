@@ -10,6 +10,7 @@ import time
 from . import _library, records
 from .device import Adapter
 from .errors import check, error
+from ._closing import Closing
 
 INPUTS = 8
 MAX_FRAME = 10240          # samples of one stream frame, all inputs together
@@ -41,7 +42,7 @@ def _adapter(adapter):
     return Adapter(adapter.handle if isinstance(adapter, Adapter) else adapter)
 
 
-class Adc:
+class Adc(Closing):
     """The analog inputs `inputs` of an adapter sampled at `rate` samples per second per
     input. Failures raise AdcError with the ADC code."""
 
@@ -77,14 +78,8 @@ class Adc:
     def close(self):
         self.adapter.close()
 
-    def __enter__(self):
-        return self
 
-    def __exit__(self, *exc):
-        self.close()
-
-
-class AdcStream:
+class AdcStream(Closing):
     """A running stream. Iterate over it for frames (each a list of samples in the
     adapter's interleaved order, `frame_size` long), or call read() for what has arrived.
     Leaving the `with` block, or close(), stops the adapter and joins the library's reader
@@ -161,12 +156,6 @@ class AdcStream:
             self._lib.ADC_StopContinueRead(self.adapter.handle)
             self._lib.ADC_WaitForThreadExit(self.adapter.handle)
             self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
 
 
 class Ads1256:

@@ -8,6 +8,7 @@ from dataclasses import dataclass
 from . import _library, records
 from .device import Adapter
 from .errors import check, error
+from ._closing import Closing
 
 FILTER_BANKS = 14     # per port
 READ_CHUNK = 1000     # frames taken from the library's queue per call
@@ -118,7 +119,7 @@ _ports_lock = threading.Lock()
 _ports_in_use = set()  # (handle, port): the library has one receive queue per port
 
 
-class CanChannel:
+class CanChannel(Closing):
     """One port of an adapter, configured at `bitrate` and, with `receive`, received in
     the background into the library's queue."""
 
@@ -250,9 +251,3 @@ class CanChannel:
     @property
     def closed(self):
         return self._closed
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

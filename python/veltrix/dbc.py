@@ -7,6 +7,7 @@ from . import _library, records
 from .can import CanFrame
 from .device import parse_handle
 from .errors import DbcError, check
+from ._closing import Closing
 
 _MUX_INACTIVE = -6
 
@@ -15,7 +16,7 @@ def _name(text):
     return text.encode("utf-8") if isinstance(text, str) else bytes(text)
 
 
-class Database:
+class Database(Closing):
     """A DBC file loaded for an adapter (one the last scan registered). The library keeps
     per-message signal values, so `encode` and `decode` work on that shared state: use
     one Database from one thread at a time."""
@@ -139,12 +140,6 @@ class Database:
         if self._handle:
             self._lib.DBC_Release(self._handle)
             self._handle = 0
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
 
     def __del__(self):
         try:

@@ -6,6 +6,7 @@ import ctypes
 from . import _library
 from .device import Adapter
 from .errors import check
+from ._closing import Closing
 
 PINS = 32
 PULLS = {None: 0, "up": 1, "down": 2}
@@ -30,7 +31,7 @@ def _pull(pull):
         raise ValueError(f"pull must be None, 'up' or 'down', not {pull!r}") from None
 
 
-class Gpio:
+class Gpio(Closing):
     """The pins of an adapter, holding it open while this object lives. Failures raise
     GpioError with the GPIO code."""
 
@@ -85,9 +86,3 @@ class Gpio:
 
     def close(self):
         self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

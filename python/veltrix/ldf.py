@@ -8,6 +8,7 @@ from . import _library, records
 from .device import parse_handle
 from .errors import LdfError, check
 from .lin import LinFrame
+from ._closing import Closing
 
 _RAW_CHUNK = 256
 
@@ -20,7 +21,7 @@ def _str(ptr):
     return ptr.decode("utf-8", "replace") if ptr else None
 
 
-class Description:
+class Description(Closing):
     """An LDF file loaded for channel `channel` of an adapter, which it also initialises at
     the file's speed as master (the adapter plays the master node) or as slave."""
 
@@ -164,9 +165,3 @@ class Description:
         if self._pldf:
             self._lib.LDF_Release(self._pldf)
             self._pldf = None
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

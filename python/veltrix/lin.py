@@ -8,6 +8,7 @@ from dataclasses import dataclass
 from . import _library, records
 from .device import Adapter
 from .errors import check
+from ._closing import Closing
 
 MAX_SCHEDULE = 64    # records the adapter keeps in one table
 MAX_SLAVE = 64
@@ -89,7 +90,7 @@ def _records(frames, limit=None):
     return array, len(frames)
 
 
-class LinChannel:
+class LinChannel(Closing):
     """Channel `channel` (0..3) of an adapter, initialised as master or slave."""
 
     def __init__(self, adapter, channel, baudrate=19200, master=True):
@@ -190,9 +191,3 @@ class LinChannel:
         if not self._closed:
             self._closed = True
             self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

@@ -6,6 +6,7 @@ import ctypes
 from . import _library, records
 from .errors import check
 from .lin import LinChannel, LinFrame
+from ._closing import Closing
 
 MAX_LENGTH = 4095
 BUFFER_RECORDS = 1000
@@ -14,7 +15,7 @@ PENDING = 0x78
 CHECKSUMS = {"classic": 0, "enhanced": 1}
 
 
-class LinUdsClient:
+class LinUdsClient(Closing):
     """A conversation with node `nad` on LIN channel `channel` of an adapter. The client
     opens the channel as master at `baudrate` unless given `lin`, an open master
     LinChannel, which it then leaves open. `stmin_ms` is the slot of each frame and the
@@ -81,9 +82,3 @@ class LinUdsClient:
     def close(self):
         if self._own:
             self.lin.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

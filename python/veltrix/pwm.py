@@ -12,6 +12,7 @@ from dataclasses import dataclass
 from . import _library, records
 from .device import Adapter
 from .errors import check, error
+from ._closing import Closing
 
 OUTPUTS = 8
 CAPTURES = 4
@@ -147,7 +148,7 @@ class PwmOutput:
         self.close()
 
 
-class PwmCapture:
+class PwmCapture(Closing):
     """Capture input `index`, measuring while it is open (a context manager starts and
     stops it)."""
 
@@ -181,9 +182,3 @@ class PwmCapture:
             self._closed = True
             self._lib.PWM_CAP_Init(self.adapter.handle, self.index, CAP_STOP)
             self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

@@ -14,6 +14,7 @@ from .can import CanFrame
 from .canfd import CanFdFrame
 from .device import Adapter
 from .errors import check
+from ._closing import Closing
 
 MAX_TABLES = 255
 MAX_TABLE_FRAMES = 255
@@ -67,7 +68,7 @@ def _adapter(adapter):
     return Adapter(adapter.handle if isinstance(adapter, Adapter) else adapter)
 
 
-class CanSchedule:
+class CanSchedule(Closing):
     """The schedule tables of CAN port `port` (0 or 1). A table set with CAN FD frames
     needs a CAN FD adapter; classic frames work on both models. Used as a context manager
     the tables are stopped on the way out. Failures raise CanError (-4: the adapter
@@ -124,12 +125,6 @@ class CanSchedule:
             self._started = False
             self._lib.CAN_StopSchedule(self.adapter.handle, self.port)
         self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
 
 
 def set_relay(adapter, mode):

@@ -5,6 +5,7 @@ import ctypes
 from . import _library, records
 from .device import Adapter
 from .errors import check, check_status
+from ._closing import Closing
 
 I2C_CHANNELS = 12
 SPI_CHANNELS = 2
@@ -18,7 +19,7 @@ def _buffer(data):
     return (ctypes.c_ubyte * max(1, len(data))).from_buffer_copy(data.ljust(1, b"\0")), len(data)
 
 
-class _Channel:
+class _Channel(Closing):
     """A numbered channel of one adapter, holding the adapter open while it lives."""
 
     channels = 0
@@ -33,12 +34,6 @@ class _Channel:
 
     def close(self):
         self.adapter.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
 
 
 class I2cChannel(_Channel):

@@ -6,6 +6,7 @@ import ctypes
 from . import _library, records
 from .can import CanChannel
 from .errors import check
+from ._closing import Closing
 
 ID_EXTENDED = 0x01
 MAX_RESPONSE = 4095  # the longest message with a 12-bit length; pass more to read longer
@@ -13,7 +14,7 @@ NEGATIVE = 0x7F
 PENDING = 0x78  # negative response code: the answer follows later
 
 
-class UdsClient:
+class UdsClient(Closing):
     """One diagnostic conversation: requests go out on `request_id`, answers are accepted
     on `response_id`. `address` (an int) turns extended addressing on with that address
     byte. The client opens the port itself (at `bitrate`) unless given a `channel`, an
@@ -78,9 +79,3 @@ class UdsClient:
     def close(self):
         if self._own_channel:
             self.channel.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
