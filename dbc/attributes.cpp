@@ -115,7 +115,7 @@ bool DBC_Decoder::handleAttributeAssignment(std::string_view line, Tokens& token
   name = open == std::string_view::npos ? std::string_view()
                                         : name.substr(open, name.find_last_not_of('"') - open + 1);
   const std::string_view object = tokens[2];
-  std::vector<DBC_ATTRIBUTE_VALUE>* into = nullptr;
+  AttributeList* into = nullptr;
   std::string_view value;
   if (object == "BO_") {
     if (tokens.size() < 5) return false;

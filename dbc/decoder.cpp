@@ -58,16 +58,14 @@ std::string_view joined_from(const std::vector<std::string_view>& tokens, size_t
 }
 
 // A comment's text: the joined tokens without semicolons and double quotes.
-std::string comment_from(const std::vector<std::string_view>& tokens, size_t first) {
-  size_t room = 0;
-  for (size_t i = first; i < tokens.size(); ++i) room += tokens[i].size() + 1;
-  std::string out;
-  out.reserve(room);  // the text is kept: one allocation, near its final size
+RareText comment_from(const std::vector<std::string_view>& tokens, size_t first,
+                      std::string& scratch) {
+  scratch.clear();
   for (size_t i = first; i < tokens.size(); ++i) {
-    if (i > first) out += ' ';
-    append_without(out, tokens[i], '"');  // the line's semicolons are already gone
+    if (i > first) scratch += ' ';
+    append_without(scratch, tokens[i], '"');  // the line's semicolons are already gone
   }
-  return out;
+  return RareText(scratch);
 }
 
 uint32_t read_id(std::string_view token) { return uint32_t(read_unsigned_auto(token)); }
@@ -377,8 +375,13 @@ void DBC_Decoder::parseSignal(Tokens& tokens, Scratch& scratch, DBC_SIGNAL* out)
     }
   }
 
-  split_pieces(tokens.back(), ',', parts);
-  s.receivers = NameList(parts);
+  const std::string_view listed = tokens.back();
+  auto known = scratch.receiverLists.find(listed);
+  if (known == scratch.receiverLists.end()) {
+    split_pieces(listed, ',', parts);
+    known = scratch.receiverLists.emplace(listed, NameList(parts)).first;
+  }
+  s.receivers = known->second;
 }
 
 void DBC_Decoder::appendSignalValues(std::vector<std::string> tokens, DBC_MESSAGE* message) {
@@ -418,7 +421,7 @@ bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
   const std::string_view object = tokens[1];
   if (object == "BO_") {
     const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
-    if (first != last) messages_[first->second].comment = comment_from(tokens, 3);
+    if (first != last) messages_[first->second].comment = comment_from(tokens, 3, scratch.text);
   } else if (object == "SG_") {
     const std::string_view name = tokens[3];
     const auto [first, last] = messagesWithId(read_id(tokens[2]), scratch);
@@ -426,7 +429,7 @@ bool DBC_Decoder::handleComment(const Tokens& tokens, Scratch& scratch) {
       DBC_SIGNAL* s = first_signal(messages_[at->second], name);
       if (!s) continue;
       if (tokens.size() < 5) return false;  // a signal comment without text
-      s->comment = comment_from(tokens, 4);
+      s->comment = comment_from(tokens, 4, scratch.text);
     }
   }
   // Node and network comments are not kept. A comment continued on further lines keeps

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -138,6 +139,12 @@ class DBC_Decoder {
     std::string text;
     Tokens parts;
     std::vector<DBC_SIGNAL> signals;  // signals of the message being read, not yet moved
+    // Each distinct receivers token read so far and its list, which signals share.
+    struct TextHash {
+      using is_transparent = void;
+      size_t operator()(std::string_view t) const { return std::hash<std::string_view>{}(t); }
+    };
+    std::unordered_map<std::string, NameList, TextHash, std::equal_to<>> receiverLists;
     // (id, position) of every message, sorted; rebuilt when messages were added since.
     std::vector<std::pair<uint32_t, uint32_t>> byId;
     size_t byIdMessages = 0;

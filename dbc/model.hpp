@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "dbc/attribute_list.hpp"
 #include "dbc/name_list.hpp"
+#include "dbc/rare_text.hpp"
 #include "dbc/value_table.hpp"
 
 namespace veltrix::dbc {
@@ -43,34 +45,25 @@ struct DBC_ATTRIBUTE {
   std::string value;
 };
 
-// An attribute assigned to one message or signal: the definition it assigns (its position
-// in the database's definition list, whose name, types, range and enumeration every
-// assignment shares) and the value given to this object, quotes kept. The database's
-// attributeCopy() gives the full record, as a definition with this value.
-struct DBC_ATTRIBUTE_VALUE {
-  uint32_t definition = 0;
-  std::string value;
-};
-
 struct DBC_SIGNAL {
   std::string name;
+  std::string unit;
+  double minimum = 0;
+  double maximum = 0;
+  double factor = 0;  // physical = raw * factor + offset
+  double offset = 0;
+  uint64_t rawValue = 0;  // current unscaled value, read and written by the codec
+  NameList receivers;
+  RareText comment;
+  ValueTable valueTable;
+  AttributeList attributes;       // one per assignment, in file order
   uint32_t byteOrder = MOTOROLA;  // a ByteOrder
   uint16_t startBit = 0;          // position of the least significant bit (8 * byte + bit)
   uint16_t length = 0;            // bit count
   uint32_t isSigned = 0;
   uint32_t valueType = VALUE_INTEGER;
-  double minimum = 0;
-  double maximum = 0;
-  double factor = 0;  // physical = raw * factor + offset
-  double offset = 0;
-  std::string unit;
   uint32_t multiplexMode = MUX_NONE;
   uint16_t multiplexValue = 0;
-  NameList receivers;
-  std::string comment;
-  ValueTable valueTable;
-  uint64_t rawValue = 0;  // current unscaled value, read and written by the codec
-  std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
 };
 
 struct DBC_MESSAGE {
@@ -79,13 +72,13 @@ struct DBC_MESSAGE {
   uint8_t dlc = 0;  // as written in the file, truncated to 8 bits
   std::string sender;
   std::vector<DBC_SIGNAL> signals;
-  std::string comment;
+  RareText comment;
   uint8_t isCanFd = 0;
   uint8_t bitRateSwitch = 0;
   uint8_t data[kDataBytes] = {};  // payload image of the last received frame
   uint8_t enable = 0;             // 1 once parsed; nothing reads it
   uint32_t cycleTime = 0;         // milliseconds
-  std::vector<DBC_ATTRIBUTE_VALUE> attributes;  // one per assignment, in file order
+  AttributeList attributes;       // one per assignment, in file order
 };
 
 }  // namespace veltrix::dbc

@@ -103,5 +103,30 @@ TEST(DbcReceivers, PiecesOfTheLastTokenSurviveCopiesAndUpdates) {
   }
 }
 
+// Signals naming the same receivers share one list: replacing one signal's list leaves the
+// others as read, and a copy taken out of the database keeps its list after the database
+// is gone.
+TEST(DbcReceivers, SharedListsKeepValueSemantics) {
+  auto db = test::parse(
+      "BO_ 1 M: 8 N\n"
+      " SG_ A : 0|8@1+ (1,0) [0|0] \"\" X,Y\n"
+      " SG_ B : 8|8@1+ (1,0) [0|0] \"\" X,Y\n"
+      "BO_ 2 P: 8 N\n"
+      " SG_ C : 0|8@1+ (1,0) [0|0] \"\" X,Y\n");
+  DBC_SIGNAL a;
+  ASSERT_EQ(db->getSignal("M", "A", &a), 1);
+  a.receivers = NameList({"Z"});
+  ASSERT_EQ(db->updateSignal("M", "A", &a), 1);
+  const std::vector<std::string> xy{"X", "Y"};
+  EXPECT_EQ(test::names_of(db->messages()[0].signals[0].receivers), std::vector<std::string>{"Z"});
+  EXPECT_EQ(test::names_of(db->messages()[0].signals[1].receivers), xy);
+  EXPECT_EQ(test::names_of(db->messages()[1].signals[0].receivers), xy);
+
+  DBC_SIGNAL kept;
+  ASSERT_EQ(db->getSignal("P", "C", &kept), 1);
+  db.reset();
+  EXPECT_EQ(test::names_of(kept.receivers), xy);
+}
+
 }  // namespace
 }  // namespace veltrix::dbc
