@@ -4,14 +4,18 @@
 // 7E8) on every adapter's CAN bus. VELTRIX_SIM_UART_LOOPBACK=1 wires every UART channel's
 // output to its input. VELTRIX_SIM_UNPLUG=SERIAL:CODE (both hex) pulls that adapter out as
 // the first command CODE arrives, so a program can be tried against an adapter lost in the
-// middle of its work.
+// middle of its work. VELTRIX_SIM_UNPLUG_AFTER=SERIAL:MS (serial in hex, milliseconds in
+// decimal) pulls it out that long after the program starts, for work that is a stream of
+// data rather than a series of commands.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "device/wire.hpp"
 #include "sim/testbed.hpp"
@@ -25,16 +29,33 @@ bool env_is(const char* name, const char* value) {
   return v != nullptr && std::string(v) == value;
 }
 
-// SERIAL:CODE of VELTRIX_SIM_UNPLUG; false when unset or not of that form.
-bool unplug_request(uint32_t* serial, uint32_t* code) {
-  const char* v = std::getenv("VELTRIX_SIM_UNPLUG");
+// SERIAL:N of the variable (serial in hex, N in base `base`); false when unset or not of
+// that form.
+bool serial_and_number(const char* variable, int base, uint32_t* serial, unsigned long* n) {
+  const char* v = std::getenv(variable);
   if (v == nullptr) return false;
   char* end = nullptr;
   *serial = uint32_t(std::strtoul(v, &end, 16));
   if (end == v || *end != ':') return false;
-  const char* c = end + 1;
-  *code = uint32_t(std::strtoul(c, &end, 16));
-  return end != c && *end == '\0' && *code != 0;
+  const char* number = end + 1;
+  *n = std::strtoul(number, &end, base);
+  return end != number && *end == '\0';
+}
+
+// Started once every adapter is in. The testbed is never destroyed, and the timer touches
+// nothing else: a program that ends first simply takes the waiting thread with it.
+void start_unplug_timer() {
+  uint32_t serial = 0;
+  unsigned long ms = 0;
+  if (!serial_and_number("VELTRIX_SIM_UNPLUG_AFTER", 10, &serial, &ms)) return;
+  if (!veltrix::sim::Testbed::instance().model(serial)) return;
+  std::thread([serial, ms] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    try {
+      veltrix::sim::Testbed::instance().unplug(serial);
+    } catch (...) {
+    }
+  }).detach();
 }
 
 void apply_options(veltrix::sim::Model& model) {
@@ -42,11 +63,13 @@ void apply_options(veltrix::sim::Model& model) {
   if (env_is("VELTRIX_SIM_ECU", "1")) veltrix::sim::uds_server(model).enabled = true;
   if (env_is("VELTRIX_SIM_UART_LOOPBACK", "1"))
     for (auto& ch : veltrix::sim::uart_sim(model).ch) ch.loopback = true;
-  uint32_t serial = 0, code = 0;
-  if (unplug_request(&serial, &code) && serial == model.serial()) {
+  uint32_t serial = 0;
+  unsigned long code = 0;
+  if (serial_and_number("VELTRIX_SIM_UNPLUG", 16, &serial, &code) && code != 0 &&
+      serial == model.serial()) {
     veltrix::sim::Fault f;
     f.kind = veltrix::sim::FaultKind::Unplug;
-    f.match_code = code;
+    f.match_code = uint32_t(code);
     model.inject(f);
   }
 }
@@ -78,6 +101,7 @@ __attribute__((constructor)) void veltrix_sim_start() {
       auto model = veltrix::sim::Testbed::instance().add_adapter(id, port);
       if (model) apply_options(*model);
     }
+    start_unplug_timer();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "veltrix-sim: %s\n", e.what());
     std::exit(2);

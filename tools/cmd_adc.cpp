@@ -145,14 +145,17 @@ int stream(unsigned h, const StreamArgs& a) {
   std::vector<short> buf(size_t(ADC_MAX_FRAME_SAMPLES) * 8);
   const auto end = std::chrono::steady_clock::now() +
                    std::chrono::microseconds(static_cast<long long>(a.seconds * 1e6));
+  bool ended = false;  // by itself, before the time asked for
   while (std::chrono::steady_clock::now() < end) {
     int n = ADC_GetData(h, buf.data(), int(buf.size()));
-    if (n > 0)
+    if (n > 0) {
       w.add(buf.data(), n);
-    else if (ADC_GetStreamState(h, nullptr) == 0)
+    } else if (ADC_GetStreamState(h, nullptr) == 0) {
+      ended = true;
       break;
-    else
+    } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
   }
   ADC_StopContinueRead(h);
   for (int n; (n = ADC_GetData(h, buf.data(), int(buf.size()))) > 0;) w.add(buf.data(), n);
@@ -161,6 +164,12 @@ int stream(unsigned h, const StreamArgs& a) {
   if (f != stdout) std::fclose(f);
   std::fprintf(stderr, "veltrix adc: %llu sets of %u inputs, %u frames dropped\n", w.rows(), inputs,
                dropped);
+  if (ended) {
+    // Every set received is in the CSV; the run still failed.
+    std::fprintf(stderr,
+                 "veltrix adc: the stream ended early (adapter unplugged or transfer error)\n");
+    return 1;
+  }
   if (!a.png.empty()) {
     char title[96];
     std::snprintf(title, sizeof title, "adapter %08X, %d samples/s per input", h, a.rate);

@@ -798,13 +798,35 @@ TEST(CliAdc, StreamWritesEverySetItCountsAsCsv) {
   ASSERT_GE(rows.size(), 2u);
   EXPECT_EQ(rows[0], "sample,time_s,in0,in1");
   for (size_t i = 1; i < rows.size(); ++i) {
-    char want[64];
+    char want[96];
     std::snprintf(want, sizeof want, "%zu,%.7f,%zu,%zu", i - 1, double(i - 1) / 1000, i - 1,
                   4096 + i - 1);
     ASSERT_EQ(rows[i], want);
   }
   EXPECT_EQ(r.err, "veltrix adc: " + std::to_string(rows.size() - 1) +
                        " sets of 2 inputs, 0 frames dropped\n");
+}
+
+// An adapter pulled out in the middle of a 5-second stream: the sets received before it
+// went are all in the CSV, and the run fails instead of reporting a short stream as done.
+TEST(CliAdc, StreamEndedByAnUnplugFailsAndKeepsWhatArrived) {
+  const Result r = run_periph({"VELTRIX_SIM_UNPLUG_AFTER=51000001:1000"},
+                              {"adc", "51000001", "stream", "--rate", "1000", "--seconds", "5",
+                               "--mask", "1", "--frame", "10"});
+  EXPECT_EQ(r.status, 1) << r.err;
+  const std::vector<std::string> rows = lines(r.out);
+  ASSERT_GE(rows.size(), 2u) << r.err;
+  EXPECT_EQ(rows[0], "sample,time_s,in0");
+  EXPECT_LT(rows.size(), 5000u);  // far fewer than the 5000 sets of a full run
+  for (size_t i = 1; i < rows.size(); ++i) {
+    char want[96];
+    std::snprintf(want, sizeof want, "%zu,%.7f,%zu", i - 1, double(i - 1) / 1000, i - 1);
+    ASSERT_EQ(rows[i], want);
+  }
+  EXPECT_EQ(r.err, "veltrix adc: " + std::to_string(rows.size() - 1) +
+                       " sets of 1 inputs, 0 frames dropped\n"
+                       "veltrix adc: the stream ended early (adapter unplugged or transfer "
+                       "error)\n");
 }
 
 TEST(VeltrixSim, ReportsClashingAdapterPositionsAsAMessage) {
