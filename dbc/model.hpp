@@ -45,6 +45,8 @@ struct DBC_ATTRIBUTE {
   std::string value;
 };
 
+// A database holds one per signal: the fields run from the largest to the smallest, so the
+// record has no holes between them.
 struct DBC_SIGNAL {
   std::string name;
   std::string unit;
