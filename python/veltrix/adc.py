@@ -10,7 +10,7 @@ import time
 from . import _library, records
 from .device import Adapter
 from .errors import check, error
-from ._closing import Closing
+from ._closing import Closing, RunningUnit
 
 INPUTS = 8
 MAX_FRAME = 10240          # samples of one stream frame, all inputs together
@@ -158,14 +158,17 @@ class AdcStream(Closing):
             self.adapter.close()
 
 
-class Ads1256:
+class Ads1256(RunningUnit):
     """ADS1256 converter `index` on the adapter. `sample_rate`, `gain` and `channels` are
     the converter's own codes, passed through; reads give the signed 24-bit results."""
+
+    _FAMILY = "ADC"
+    _STOP = "ADS1256_Stop"
 
     def __init__(self, adapter, index, sample_rate, gain=0, buffer=False, channels=0):
         self._lib = _library.load()
         self.adapter = _adapter(adapter)
-        self.index = index
+        self.index = self._unit = index
         if not 0 <= index <= 255:
             raise ValueError(f"converter index {index} is not 0..255")
         config = records.ADS1256_CONFIG(SampleRate=sample_rate, Gain=gain, BufferEn=int(buffer),
@@ -178,10 +181,6 @@ class Ads1256:
             self.adapter.close()
             raise
 
-    def _call(self, name, *args):
-        return check("ADC", name, getattr(self._lib, name)(self.adapter.handle, self.index,
-                                                           *args))
-
     def start(self):
         self._call("ADS1256_Start")
         self._running = True
@@ -192,20 +191,3 @@ class Ads1256:
         n = self._call("ADS1256_Read", buf)
         return list(buf[:min(n, ADS1256_READ_MAX)])
 
-    def stop(self):
-        self._call("ADS1256_Stop")
-        self._running = False
-
-    def close(self):
-        if self._running:
-            self._running = False
-            self._lib.ADS1256_Stop(self.adapter.handle, self.index)
-        self.adapter.close()
-
-    def __enter__(self):
-        if not self._running:
-            self.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

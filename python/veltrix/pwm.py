@@ -12,7 +12,7 @@ from dataclasses import dataclass
 from . import _library, records
 from .device import Adapter
 from .errors import check, error
-from ._closing import Closing
+from ._closing import Closing, RunningUnit
 
 OUTPUTS = 8
 CAPTURES = 4
@@ -71,10 +71,13 @@ def timing(adapter, frequency_hz):
     return Timing(prescaler.value, period.value, actual.value)
 
 
-class PwmOutput:
+class PwmOutput(RunningUnit):
     """Output `channel` of an adapter, configured at `frequency_hz` and `duty` percent.
     Used as a context manager it runs inside the block and is stopped on the way out;
     otherwise call start() and stop(). `polarity` 1 inverts the output."""
+
+    _FAMILY = "PWM"
+    _STOP = "PWM2_Stop"
 
     def __init__(self, adapter, channel, frequency_hz, duty=50.0, polarity=0):
         if not 0 <= channel < OUTPUTS:
@@ -83,7 +86,7 @@ class PwmOutput:
             raise ValueError(f"polarity must be 0 or 1, not {polarity!r}")
         self._lib = _library.load()
         self.adapter = _adapter(adapter)
-        self.channel = channel
+        self.channel = self._unit = channel
         self._running = False
         self.adapter.open()
         try:
@@ -102,10 +105,6 @@ class PwmOutput:
             raise ValueError(f"duty cycle {duty} % is not within 0..100")
         return duty
 
-    def _call(self, name, *args):
-        return check("PWM", name, getattr(self._lib, name)(self.adapter.handle, self.channel,
-                                                           *args))
-
     @property
     def mask(self):
         """The output's bit in the model's channel mask."""
@@ -118,10 +117,6 @@ class PwmOutput:
         self._call("PWM2_Start", run_time_us)
         self._running = True
 
-    def stop(self):
-        self._call("PWM2_Stop")
-        self._running = False
-
     def set_duty(self, duty):
         self._call("PWM2_SetDutyCycle", self._duty(duty))
 
@@ -131,21 +126,6 @@ class PwmOutput:
         self._call("PWM2_SetFrequency", _frequency(frequency_hz), ctypes.byref(actual))
         self.actual_hz = actual.value
         return self.actual_hz
-
-    def close(self):
-        """Stops a running output (ignoring an adapter that is gone) and lets go of it."""
-        if self._running:
-            self._running = False
-            self._lib.PWM2_Stop(self.adapter.handle, self.channel)
-        self.adapter.close()
-
-    def __enter__(self):
-        if not self._running:
-            self.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
 
 
 class PwmCapture(Closing):
